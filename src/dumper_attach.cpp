@@ -1,0 +1,269 @@
+// Whether a target exists, and the road of one thread: attach, stop, release. Attach, wait, captures and
+// release of a thread run on one and the same thread of the tool, as ptrace(2) demands. Every path that
+// attached a thread ends in its release, and where that is impossible the caller is told, so that it can end
+// the tool.
+#include <errno.h>
+#include <sched.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/ptrace.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+#include "dumper.h"
+#include "system_log.h"
+#include "trace_gate.h"
+
+using std::string;
+using std::vector;
+
+namespace
+{
+constexpr int rescue_limit_ms = 100;
+
+// A number of /proc/<pid>/task/<tid>/status, e.g. "TracerPid"; -1 when the thread or the line is not there.
+long long status_number(pid_t pid, pid_t tid, const char* key, int base)
+{
+    char path[64];
+    snprintf(path, sizeof(path), "/proc/%d/task/%d/status", pid, tid);
+    FILE* file = fopen(path, "re");
+    if (file == nullptr)
+        return -1;
+    const size_t key_length = strlen(key);
+    long long number = -1;
+    char line[256];
+    while (number == -1 && fgets(line, sizeof(line), file) != nullptr)
+        if (strncmp(line, key, key_length) == 0 && line[key_length] == ':')
+            number = strtoll(line + key_length + 1, nullptr, base);
+    fclose(file);
+    return number;
+}
+
+bool stop_signal_pending(pid_t pid, pid_t tid)
+{
+    const long long pending = status_number(pid, tid, "SigPnd", 16);
+    return pending != -1 && (pending >> (SIGSTOP - 1) & 1);
+}
+
+// An execve of a thread that is being attached raises SIGTRAP in it (ptrace(2), "execve(2) under ptrace"):
+// sent by the process to itself, and only because of the attach.
+bool is_exec_trap(pid_t pid, pid_t tid, int sig)
+{
+    siginfo_t info = {};
+    return sig == SIGTRAP && ptrace(PTRACE_GETSIGINFO, tid, 0, &info) == 0 && info.si_code == SI_USER &&
+           info.si_pid == pid;
+}
+
+long ms_since(const timeval& start)
+{
+    timeval now;
+    gettimeofday(&now, nullptr);
+    return (now.tv_sec - start.tv_sec) * 1000 + (now.tv_usec - start.tv_usec) / 1000;
+}
+
+}  // namespace
+
+int dumper::process_exist([[maybe_unused]] pid_t target_pid)
+{
+    char cmdline[65];
+    return sys_stat::get_process_cmdline(cmdline, sizeof(cmdline), pid) ? 0 : 1;
+}
+
+int dumper::thread_exist(pid_t target_tid)
+{
+    if (process_exist(-1) != 0)
+        return -3;
+    char path[64];
+    snprintf(path, sizeof(path), "/proc/%d/task/%d/cmdline", pid, target_tid);
+    if (access(path, R_OK) == 0)
+        return 0;
+    __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Tid %d does not exist in pid %d. ignoring request\n",
+                        target_tid, pid);
+    return -3;
+}
+
+int dumper::init_process_map()
+{
+    const int gone = process_exist(-1);
+    if (gone != 0) {
+        __android_log_print(ANDROID_LOG_ERROR, "Dumper", "process map not exist\n");
+        return gone;
+    }
+    pmi = new process_map_info(pid);
+    return pmi->process_create_map_info_list();
+}
+
+int dumper::attach_thread(pid_t target_tid)
+{
+    if (target_tid == -1)
+        target_tid = tid;
+    const int missing = thread_exist(target_tid);
+    if (missing < 0)
+        return missing;
+
+    trace_gate::begin_attach();
+    if (ptrace(PTRACE_ATTACH, target_tid, 0, 0) == 0)
+        return 0;
+    const int error = errno;
+    trace_gate::released();
+    __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Ptrace attach tid:%d failed: %s\n", target_tid,
+                        strerror(error));
+    return -1;
+}
+
+int dumper::wait_for_sigstop(bool* detach_failed, pid_t target_tid)
+{
+    if (target_tid == -1)
+        target_tid = tid;
+    bool allow_dead_tid = false;
+    bool timed_out = false;
+    timeval start;
+    timeval end;
+    gettimeofday(&start, nullptr);
+    for (;;) {
+        gettimeofday(&end, nullptr);
+        if (end.tv_sec - start.tv_sec > 1) {
+            timed_out = true;
+            break;
+        }
+        int status = 0;
+        const auto waited =
+            static_cast<pid_t>(TEMP_FAILURE_RETRY(waitpid(target_tid, &status, __WALL | WNOHANG)));
+        if (waited == -1) {
+            __android_log_print(ANDROID_LOG_INFO, "Dumper", "Waitpid exit: tid %d, %s", target_tid,
+                                strerror(errno));
+            break;
+        }
+        if (waited != target_tid) {
+            sched_yield();  // a sleep would lengthen the hold; a bare loop keeps the target from its stop
+            continue;
+        }
+        if (WIFSTOPPED(status)) {
+            trace_gate::stop_seen();
+            return WSTOPSIG(status);
+        }
+        __android_log_print(ANDROID_LOG_INFO, "Dumper", "Unexpected waitpid response: pid=%d, status=%08x\n",
+                            target_tid, static_cast<unsigned>(status));
+        allow_dead_tid = true;
+    }
+    if (timed_out)
+        __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Wait for sigstop timeout %d", target_tid);
+
+    if (ptrace(PTRACE_DETACH, target_tid, 0, 0) == 0) {
+        trace_gate::released();
+        return -1;
+    }
+    const int error = errno;
+    if (error == ESRCH && allow_dead_tid) {
+        trace_gate::released();
+        __android_log_print(ANDROID_LOG_INFO, "Dumper", "Tid exited before attach completed: tid %d",
+                            target_tid);
+        return -1;
+    }
+    *detach_failed = true;
+    __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Detach failed: tid %d, %s", target_tid,
+                        strerror(error));
+    return -1;
+}
+
+void dumper::send_signal_back(pid_t target_tid, int sig)
+{
+    if (!is_exec_trap(pid, target_tid, sig))
+        tgkill(pid, target_tid, sig);
+}
+
+int dumper::detach_thread(pid_t target_tid)
+{
+    if (target_tid == -1)
+        target_tid = tid;
+    if (ptrace(PTRACE_DETACH, target_tid, 0, 0) == 0) {
+        trace_gate::released();
+        return 0;
+    }
+    const int error = errno;
+    __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Ptrace detach tid:%d failed: %s\n", target_tid,
+                        strerror(error));
+    if (error != ESRCH)
+        return -1;
+    // A tracee that was killed stays listed, and its parent waiting, until its tracer has reaped it.
+    int status = 0;
+    const bool reaped = waitpid(target_tid, &status, __WALL | WNOHANG) == target_tid && !WIFSTOPPED(status);
+    if (!reaped && thread_exist(target_tid) == 0)
+        return -1;
+    trace_gate::released();
+    __android_log_print(ANDROID_LOG_WARN, "Dumper", "Process may exited, not fatal error, ignore\n");
+    return 0;
+}
+
+bool dumper::release_thread(bool detach_failed, pid_t target_tid)
+{
+    if (!detach_failed && detach_thread(target_tid) == 0)
+        return true;
+    if (!rescue_thread(target_tid))
+        return false;
+    trace_gate::released();
+    return true;
+}
+
+bool dumper::rescue_thread(pid_t target_tid)
+{
+    if (target_tid == -1)
+        target_tid = tid;
+    if (status_number(pid, target_tid, "TracerPid", 10) != gettid())
+        return true;  // gone, or released before
+
+    tgkill(pid, target_tid, SIGSTOP);
+    timeval start;
+    gettimeofday(&start, nullptr);
+    while (ms_since(start) < rescue_limit_ms) {
+        int status = 0;
+        const auto waited =
+            static_cast<pid_t>(TEMP_FAILURE_RETRY(waitpid(target_tid, &status, __WALL | WNOHANG)));
+        if (waited == -1 || (waited == target_tid && !WIFSTOPPED(status)))
+            return true;  // it died, and is reaped now
+        if (waited == target_tid) {
+            const int sig = WSTOPSIG(status) == SIGSTOP ? 0 : WSTOPSIG(status);
+            // A SIGSTOP still pending would stop the thread after its release: let it arrive first.
+            const bool once_more = stop_signal_pending(pid, target_tid);
+            if (ptrace(once_more ? PTRACE_CONT : PTRACE_DETACH, target_tid, 0, sig) == 0 && !once_more) {
+                __android_log_print(ANDROID_LOG_WARN, "Dumper",
+                                    "Tid %d did not stop in time, released later\n", target_tid);
+                return true;
+            }
+        }
+        sched_yield();
+    }
+    return false;
+}
+
+void dumper::release_attached_thread(pid_t target_tid)
+{
+    bool detach_failed = false;
+    const int sig = wait_for_sigstop(&detach_failed, target_tid);
+    if (sig != SIGSTOP) {
+        __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Wait for sigstop failed:%d, pid=%d, tid=%d\n", sig,
+                            pid, tid);
+        if (sig > 0)
+            send_signal_back(target_tid, sig);
+    }
+    if (!release_thread(detach_failed, target_tid)) {
+        __android_log_print(ANDROID_LOG_ERROR, "Dumper",
+                            "Dump_server(dump_thread_stats:%d-%d) kill itself to free the zombie!\n", pid,
+                            tid);
+        trace_gate::end_tool(pid);
+    }
+    if (sig > 0 && sig != SIGSTOP)
+        trace_gate::resume_process(pid);  // the SIGSTOP of the attach is still on its way
+}
+
+bool dumper::still_traced(pid_t target_tid)
+{
+    vector<string> fields;
+    if (parse_proc_stat(nullptr, target_tid, fields, false) != 0 || fields.empty())
+        return false;
+    return fields[0] == "t" || fields[0] == "T";
+}

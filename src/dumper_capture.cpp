@@ -1,0 +1,132 @@
+// What a held thread shows: its registers and its user stack, unwound from outside. Beside them what needs no
+// stop: the kernel stack, read after the release, and the memory map. Up to four workers run these at once,
+// each on a thread of its own.
+#include <cxxabi.h>
+#include <elf.h>
+#include <errno.h>
+#include <libunwind-ptrace.h>
+#include <string.h>
+#include <sys/ptrace.h>
+#include <sys/uio.h>
+
+#include <cstdlib>
+#include <memory>
+
+#include "dumper.h"
+#include "registers.h"
+#include "system_log.h"
+
+using std::stringstream;
+
+namespace
+{
+constexpr int max_frames = 1024;  // bounds the hold of a thread whose stack loops or has overflowed
+
+struct space_deleter {
+    void operator()(unw_addr_space_t space) const { unw_destroy_addr_space(space); }
+};
+struct context_deleter {
+    void operator()(void* context) const { _UPT_destroy(context); }
+};
+struct free_deleter {
+    void operator()(char* text) const { free(text); }
+};
+using unwind_space = std::unique_ptr<std::remove_pointer_t<unw_addr_space_t>, space_deleter>;
+using unwind_context = std::unique_ptr<void, context_deleter>;
+using demangled_name = std::unique_ptr<char, free_deleter>;
+
+}  // namespace
+
+int dumper::dump_registers(stringstream* ss, pid_t target_tid)
+{
+    if (target_tid == -1)
+        target_tid = tid;
+    write_text(ss, true, "\nRegister:\n");
+    alignas(16) unsigned char set[register_set_size];
+    iovec iov = {set, sizeof(set)};
+    if (ptrace(PTRACE_GETREGSET, target_tid, NT_PRSTATUS, &iov) == -1) {
+        __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Ptrace error: %s\n", strerror(errno));
+        return -1;
+    }
+    const auto lines = register_lines(set, iov.iov_len);
+    if (lines.empty()) {
+        __android_log_print(ANDROID_LOG_ERROR, "Dumper",
+                            "Tid %d has a register set of %zu bytes, not that of a 64-bit thread\n",
+                            target_tid, iov.iov_len);
+        return -1;
+    }
+    for (const auto& line : lines)
+        write_text(ss, true, "%s", line.c_str());
+    return 0;
+}
+
+int dumper::dump_backtrace(stringstream* ss, pid_t target_tid)
+{
+    if (target_tid == -1)
+        target_tid = tid;
+    const unwind_space addr_space(unw_create_addr_space(&_UPT_accessors, 0));
+    if (!addr_space) {
+        __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Failed to create address space\n");
+        return -1;
+    }
+    const unwind_context rctx(_UPT_create(target_tid));
+    if (!rctx) {
+        __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Failed to _UPT_create\n");
+        return -2;
+    }
+    unw_cursor_t cursor;
+    const int started = unw_init_remote(&cursor, addr_space.get(), rctx.get());
+    if (started != 0) {
+        __android_log_print(ANDROID_LOG_ERROR, "Dumper", "unw_init_remote failed, status=%d\n", started);
+        return -3;
+    }
+
+    write_text(ss, true, "\nBacktrace:\n");
+    int level = 0;
+    do {
+        unw_word_t pc = 0;
+        unw_get_reg(&cursor, UNW_REG_IP, &pc);
+        const map_info* mi = process_find_map_info(pc);
+        const char* module = mi != nullptr ? mi->name : "??";
+        char sym_raw[512];
+        unw_word_t off = 0;
+        if ((dump_mode & FUNC_PARSE) && unw_get_proc_name(&cursor, sym_raw, sizeof(sym_raw), &off) == 0) {
+            int status = 0;
+            const demangled_name demangled(abi::__cxa_demangle(sym_raw, nullptr, nullptr, &status));
+            write_text(ss, true, "#%2d pc 0x%lx  %s (%s + 0x%lx)\n", level, pc, module,
+                       demangled ? demangled.get() : sym_raw, off);
+        } else {
+            write_text(ss, true, "#%2d pc 0x%lx %s\n", level, pc, module);
+        }
+        level++;
+    } while (level < max_frames && unw_step(&cursor) > 0);
+    return 0;
+}
+
+bool dumper::dump_ktrace(stringstream* ss, pid_t target_tid)
+{
+    if (target_tid == -1)
+        target_tid = tid;
+    if (ss != nullptr) {
+        __LOG(*ss, false, "\nKernel Trace:\n");
+        return sys_stat::get_kernel_calltrace_to_stream(ss, pid, target_tid);
+    }
+    stringstream section;
+    __LOG(section, false, "\nKernel Trace:\n");
+    const bool copied = sys_stat::get_kernel_calltrace_to_stream(&section, pid, target_tid);
+    if (copied && fdump != nullptr)
+        fputs(section.str().c_str(), fdump);
+    return copied;
+}
+
+int dumper::dump_map_info()
+{
+    if (pmi == nullptr || fdump == nullptr)
+        return -1;
+    return pmi->process_map_to_file(fdump);
+}
+
+map_info* dumper::process_find_map_info(uintptr_t addr)
+{
+    return pmi != nullptr ? pmi->process_find_map_info(addr) : nullptr;
+}

@@ -1,0 +1,171 @@
+// The crash dump: follows an attached thread to its fatal signal, freezes the process, writes the report, and
+// lets the process die. Runs on the connection thread of the request, while no other dump of this server
+// runs.
+#include <errno.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/ptrace.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <iomanip>
+
+#include "dumper.h"
+#include "system_log.h"
+#include "trace_gate.h"
+
+using std::string;
+using std::stringstream;
+
+namespace
+{
+constexpr int death_poll_us = 10000;
+constexpr int death_limit_us = 10000000;  // a survivor must not lock the server for ever
+
+bool is_crash_signal(int signal)
+{
+    switch (signal) {
+        case SIGILL:
+        case SIGTRAP:
+        case SIGABRT:
+        case SIGBUS:
+        case SIGFPE:
+        case SIGSEGV:
+        case SIGPIPE:
+            return true;
+        default:
+            return false;
+    }
+}
+
+bool is_sent_again(int signal)
+{
+    return signal == SIGABRT || signal == SIGFPE || signal == SIGSTKFLT;
+}
+
+}  // namespace
+
+int dumper::dump_process_crash()
+{
+    bool detach_failed = false;
+    int ret = -1;
+    int signal = 0;
+    while ((signal = wait_for_sigstop(&detach_failed, -1)) == SIGSTOP) {
+        ret = static_cast<int>(ptrace(PTRACE_CONT, tid, 0, 0));
+        if (ret != 0)
+            __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Ptrace continue failed: %s\n", strerror(errno));
+    }
+
+    if (is_crash_signal(signal)) {
+        kill(pid, SIGSTOP);
+        ret = crash_dump(signal, &detach_failed);
+        if (ret != 0)
+            __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Crash_dump failed:%d\n", ret);
+    } else if (signal != -1) {
+        __android_log_print(ANDROID_LOG_INFO, "Dumper", "Process stopped due to unexpected signal %d\n",
+                            signal);
+    }
+
+    if (signal > 0 && detach_thread(-1) != 0)
+        detach_failed = true;
+    if (signal > 0 && !detach_failed) {
+        if (fdump == nullptr)
+            __android_log_print(ANDROID_LOG_INFO, "Dumper",
+                                "Crash dump not support multiple threads crashed simultaneously or multiple "
+                                "signals come from the same progress");
+        if (ret == 0) {
+            __LOG(true, "\n=== === === === Dump process:%d stat === === === ===\n", pid);
+            set_mode(SILENT | FUNC_PARSE);
+            ret = dump_process(false);
+            if (ret != 0)
+                __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Crash dump process:%d failed:%d\n", pid,
+                                    ret);
+        }
+    }
+
+    trace_gate::resume_process(pid);
+    if (detach_failed && !release_thread(detach_failed, -1)) {
+        __android_log_print(ANDROID_LOG_ERROR, "Dumper",
+                            "Dump_server(dump_process_crash:%d-%d) kill itself to free the zombie!\n", pid,
+                            tid);
+        trace_gate::end_tool(pid);
+    }
+    if (is_sent_again(signal))
+        tgkill(pid, tid, signal);
+
+    int waited_us = 0;
+    while (process_exist(-1) == 0 && waited_us < death_limit_us) {
+        usleep(death_poll_us);
+        waited_us += death_poll_us;
+    }
+    if (waited_us >= death_limit_us)
+        __android_log_print(ANDROID_LOG_WARN, "Dumper", "Process %d lives on after its crash dump\n", pid);
+    return ret;
+}
+
+int dumper::crash_dump(int signo, bool* detach_failed)
+{
+    int ret = crash_file_create(dump_path.c_str());
+    if (ret != 0) {
+        __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Create crash file failed:%d\n", ret);
+        return ret;
+    }
+    set_mode(FUNC_PARSE);
+    ret = dump_crash_thread(signo, detach_failed);
+    if (ret != 0)
+        __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Dump crash thread failed:%d\n", ret);
+    return ret;
+}
+
+int dumper::dump_crash_thread(int signo, [[maybe_unused]] bool* detach_failed)
+{
+    __LOG(true, "****************** Process crash dump stat ******************\n");
+    dump_header_info();
+    const int ret = dump_thread_info(nullptr, -1);
+    if (ret != 0) {
+        __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Dump_thread_info failed:%d, pid=%d, tid=%d\n", ret,
+                            pid, tid);
+        return ret;
+    }
+    if (signo != 0)
+        dump_signal_info(signo);
+    const int r = dump_registers(nullptr, -1);
+    if (r < 0) {
+        __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Dump register failed:%d, pid=%d, tid=%d\n", r, pid,
+                            tid);
+        return r;
+    }
+    const int b = dump_backtrace(nullptr, -1);
+    if (b < 0)
+        __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Dump backtrace failed:%d, pid=%d, tid=%d\n", b, pid,
+                            tid);
+    return ret;
+}
+
+int dumper::dump_signal_info(int signo)
+{
+    char fault_addr[32] = {};
+    if (abort_addr != nullptr)
+        snprintf(fault_addr, sizeof(fault_addr), "fault addr %p", abort_addr);
+    __LOG(true, "Fatal signal %d (%s), code %d, %s\n", signo, sys_stat::get_signame(signo), si_code,
+          fault_addr);
+    return 0;
+}
+
+int dumper::crash_file_create(const char* dump_dir)
+{
+    const time_t currentTime = time(nullptr);
+    tm localTime = {};
+    localtime_r(&currentTime, &localTime);
+    stringstream stamp;
+    stamp << std::put_time(&localTime, "%Y%m%d%H%M%S");
+    const string path = string(dump_dir) + "/crashdump-" + std::to_string(pid) + "-" + std::to_string(tid) +
+                        "_" + stamp.str();
+    use_report(create_report_file(path));
+    if (fdump == nullptr) {
+        __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Open dump file '%s' failed\n", path.c_str());
+        return -2;
+    }
+    __android_log_print(ANDROID_LOG_INFO, "Dumper", "Crash dump saving to %s\n", path.c_str());
+    return 0;
+}

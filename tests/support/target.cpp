@@ -1,0 +1,135 @@
+#include "support/target.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+
+using std::string;
+using std::vector;
+
+string build_dir()
+{
+    char path[PATH_MAX] = "";
+    const ssize_t length = readlink("/proc/self/exe", path, sizeof(path) - 1);
+    string dir(path, length > 0 ? static_cast<size_t>(length) : 0);
+    for (int up = 0; up < 2; up++)
+        dir.erase(dir.rfind('/'));
+    return dir;
+}
+
+char thread_state(pid_t pid, pid_t tid)
+{
+    const string state = thread_status(pid, tid, "State");
+    return state.empty() ? '\0' : state[0];
+}
+
+string thread_status(pid_t pid, pid_t tid, const string& key)
+{
+    std::ifstream file("/proc/" + std::to_string(pid) + "/task/" + std::to_string(tid) + "/status");
+    string line;
+    while (getline(file, line))
+        if (line.compare(0, key.size() + 1, key + ":") == 0)
+            return line.substr(line.find_first_not_of(" \t", key.size() + 1));
+    return "";
+}
+
+vector<pid_t> thread_ids(pid_t pid)
+{
+    vector<pid_t> ids;
+    DIR* dir = opendir(("/proc/" + std::to_string(pid) + "/task").c_str());
+    if (dir == nullptr)
+        return ids;
+    while (const dirent* entry = readdir(dir))
+        if (entry->d_name[0] != '.')
+            ids.push_back(atoi(entry->d_name));
+    closedir(dir);
+    return ids;
+}
+
+bool sleep_one_ms()
+{
+    return usleep(1000) == 0;
+}
+
+target::target(vector<string> argv, bool wait_for_byte)
+{
+    if (argv[0].find('/') == string::npos)
+        argv[0] = build_dir() + "/tests/targets/" + argv[0];
+    vector<char*> args;
+    for (string& arg : argv)
+        args.push_back(arg.data());
+    args.push_back(nullptr);
+
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0)
+        abort();
+    child = fork();
+    if (child == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        dup2(ends[1], STDOUT_FILENO);
+        execvp(args[0], args.data());
+        _exit(127);
+    }
+    close(ends[1]);
+    output = ends[0];
+    if (wait_for_byte && read_output(1).empty())
+        fprintf(stderr, "target %s did not get ready\n", argv[0].c_str());
+}
+
+target::~target()
+{
+    close(output);
+    if (child > 0) {
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
+    }
+}
+
+string target::read_output(size_t bytes)
+{
+    string text;
+    pollfd readable = {output, POLLIN, 0};
+    while (text.size() < bytes && poll(&readable, 1, 10000) == 1) {
+        char buf[4096];
+        const ssize_t got = read(output, buf, std::min(sizeof(buf), bytes - text.size()));
+        if (got <= 0)
+            break;
+        text.append(buf, static_cast<size_t>(got));
+    }
+    return text;
+}
+
+int target::wait_for_end(int limit_ms)
+{
+    int status = -1;
+    if (!eventually([&] { return waitpid(child, &status, WNOHANG) == child; }, limit_ms))
+        return -1;
+    child = -1;
+    return status;
+}
+
+bool target::runs_untraced() const
+{
+    return eventually(
+        [this] {
+            for (const pid_t tid : thread_ids(child)) {
+                const char state = thread_state(child, tid);
+                if (state == 't' || state == 'T')
+                    return false;
+                const string tracer = thread_status(child, tid, "TracerPid");
+                if (!tracer.empty() && tracer != "0")
+                    return false;
+            }
+            return true;
+        },
+        1000);
+}
