@@ -6,8 +6,8 @@ static pthread_cond_t queue_filled = PTHREAD_COND_INITIALIZER;
 
 void wait_for_work(void (*ready)(void))
 {
-    pthread_mutex_lock(&queue_lock);
     ready();
+    pthread_mutex_lock(&queue_lock);
     for (;;)
         pthread_cond_wait(&queue_filled, &queue_lock);
 }
