@@ -70,7 +70,7 @@ map_info* process_map_info::parse_maps_line(const char* line)
         mi->is_writable = permissions[1] == 'w';
         mi->is_executable = permissions[2] == 'x';
     }
-    memcpy(mi->name, name, name_len);
+    memcpy(mi->name, name, name_len);  // NOLINT(bugprone-not-null-terminated-result): calloc left the NUL
     return mi;
 }
 
