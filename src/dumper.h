@@ -19,6 +19,9 @@
 #include "dumper_common.h"
 #include "map_info.h"
 
+class target_image;
+class thread_snapshot;
+
 enum DUMP_MODE {
     SILENT = 1,      // report lines are not copied to the system log
     FUNC_PARSE = 2,  // backtraces name functions
@@ -27,6 +30,7 @@ enum DUMP_MODE {
 class dumper
 {
     process_map_info* pmi;  // null until init_process_map
+    std::shared_ptr<target_image> image;  // what unwinding knows of the target; null until then, too
     pid_t pid;
     pid_t tid;              // the thread of a thread dump, the crashing thread, or -1
     std::string dump_path;  // directory of a server-side report; empty in client mode
@@ -107,8 +111,13 @@ private:
 
     // What a held thread shows, its kernel stack, the memory map: dumper_capture.cpp
     int dump_registers(std::stringstream* ss, pid_t target_tid);
-    // 0, -1 no address space, -2 no ptrace context, -3 the unwinder could not start.
+    // What the call stack needs of a held thread, so that it can be walked after the release.
+    void take_snapshot(thread_snapshot& snapshot, pid_t target_tid);
+    // 0, -1 no address space, -2 no ptrace context, -3 the unwinder could not start: no registers.
+    int write_backtrace(std::stringstream* ss, thread_snapshot& snapshot);
+    // Both at once.
     int dump_backtrace(std::stringstream* ss, pid_t target_tid);
+    void load_target_image();
     bool dump_ktrace(std::stringstream* ss, pid_t target_tid);
     int dump_map_info();
     map_info* process_find_map_info(uintptr_t addr);

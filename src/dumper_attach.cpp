@@ -93,6 +93,7 @@ int dumper::init_process_map()
         __android_log_print(ANDROID_LOG_ERROR, "Dumper", "process map not exist\n");
         return gone;
     }
+    load_target_image();
     pmi = new process_map_info(pid);
     return pmi->process_create_map_info_list();
 }

@@ -15,13 +15,13 @@
 #include "dumper.h"
 #include "registers.h"
 #include "system_log.h"
+#include "unwind/target_image.h"
+#include "unwind/thread_snapshot.h"
 
 using std::stringstream;
 
 namespace
 {
-constexpr int max_frames = 1024;  // bounds the hold of a thread whose stack loops or has overflowed
-
 struct space_deleter {
     void operator()(unw_addr_space_t space) const { unw_destroy_addr_space(space); }
 };
@@ -60,21 +60,38 @@ int dumper::dump_registers(stringstream* ss, pid_t target_tid)
     return 0;
 }
 
-int dumper::dump_backtrace(stringstream* ss, pid_t target_tid)
+void dumper::load_target_image() { image = std::make_shared<target_image>(pid); }
+
+void dumper::take_snapshot(thread_snapshot& snapshot, pid_t target_tid)
 {
     if (target_tid == -1)
         target_tid = tid;
-    const unwind_space addr_space(unw_create_addr_space(&_UPT_accessors, 0));
+    if (!image)
+        load_target_image();
+    snapshot.take(*image, target_tid);
+}
+
+int dumper::dump_backtrace(stringstream* ss, pid_t target_tid)
+{
+    thread_snapshot snapshot;
+    take_snapshot(snapshot, target_tid);
+    return write_backtrace(ss, snapshot);
+}
+
+int dumper::write_backtrace(stringstream* ss, thread_snapshot& snapshot)
+{
+    const unwind_space addr_space(unw_create_addr_space(unwind_accessors(), 0));
     if (!addr_space) {
         __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Failed to create address space\n");
         return -1;
     }
-    const unwind_context rctx(_UPT_create(target_tid));
+    const unwind_context rctx(_UPT_create(snapshot.tid()));
     if (!rctx) {
         __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Failed to _UPT_create\n");
         return -2;
     }
     unw_cursor_t cursor;
+    unwind_walk walk(*image, snapshot, cursor);
     const int started = unw_init_remote(&cursor, addr_space.get(), rctx.get());
     if (started != 0) {
         __android_log_print(ANDROID_LOG_ERROR, "Dumper", "unw_init_remote failed, status=%d\n", started);
@@ -99,7 +116,7 @@ int dumper::dump_backtrace(stringstream* ss, pid_t target_tid)
             write_text(ss, true, "#%2d pc 0x%lx %s\n", level, pc, module);
         }
         level++;
-    } while (level < max_frames && unw_step(&cursor) > 0);
+    } while (level < unwind_walk::max_frames && unw_step(&cursor) > 0 && walk.reached_code());
     return 0;
 }
 

@@ -111,6 +111,7 @@ int dumper::crash_dump(int signo, bool* detach_failed)
         return ret;
     }
     set_mode(FUNC_PARSE);
+    load_target_image();  // the process has run on since the request, until its signal
     ret = dump_crash_thread(signo, detach_failed);
     if (ret != 0)
         __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Dump crash thread failed:%d\n", ret);

@@ -13,6 +13,7 @@
 #include "dumper.h"
 #include "system_log.h"
 #include "trace_gate.h"
+#include "unwind/thread_snapshot.h"
 
 using std::string;
 using std::stringstream;
@@ -111,6 +112,8 @@ int dumper::dump_thread(pid_t target_tid, bool tid_attached, stringstream* ss)
 
     bool detach_failed = false;
     bool sent_back = false;
+    bool walk = false;
+    thread_snapshot snapshot;
     const int sig = wait_for_sigstop(&detach_failed, target_tid);
     if (sig != SIGSTOP) {
         __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Wait for sigstop failed:%d, pid=%d, tid=%d\n", sig,
@@ -125,10 +128,8 @@ int dumper::dump_thread(pid_t target_tid, bool tid_attached, stringstream* ss)
             __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Dump register failed:%d, pid=%d, tid=%d\n", ret,
                                 pid, target_tid);
         } else {
-            ret = dump_backtrace(ss, target_tid);
-            if (ret < 0)
-                __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Dump backtrace failed:%d, pid=%d, tid=%d\n",
-                                    ret, pid, target_tid);
+            take_snapshot(snapshot, target_tid);
+            walk = true;
         }
     }
 
@@ -141,6 +142,12 @@ int dumper::dump_thread(pid_t target_tid, bool tid_attached, stringstream* ss)
     if (sent_back) {
         __android_log_print(ANDROID_LOG_INFO, "Dumper", "Unexcept signal:%d..continue\n", sig);
         trace_gate::resume_process(pid);
+    }
+    if (walk) {
+        ret = write_backtrace(ss, snapshot);
+        if (ret < 0)
+            __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Dump backtrace failed:%d, pid=%d, tid=%d\n", ret,
+                                pid, target_tid);
     }
     if (!dump_ktrace(ss, target_tid)) {
         __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Dump kernel trace failed:%d, pid=%d, tid=%d\n", 1,

@@ -1,0 +1,48 @@
+// See symbol_names.h.
+#include "symbol_names.h"
+
+#include "elf_file.h"
+
+symbol_names::symbol_names(pid_t tid, target_memory& memory) : tid_(tid), memory_(memory) {}
+
+const symbol_name* symbol_names::find_known(uint64_t pc) const
+{
+    std::shared_lock guard(names_lock_);
+    const auto found = names_.find(pc);
+    return found != names_.end() ? &found->second : nullptr;
+}
+
+std::unique_ptr<symbol_table> symbol_names::load(const module& owner)
+{
+    auto file = std::make_unique<elf_file>();
+    if (owner.header.path == "[vdso]") {  // has no file: the loaded image is whole
+        std::vector<char> image(owner.header.end - owner.header.start);
+        if (memory_.read_constant(owner.header.start, image.data(), image.size()))
+            file->open_image(std::move(image));
+    } else {
+        if (auto mapped = open_mapped_file(tid_, owner.header, owner.build_id))
+            file = std::move(mapped);
+        if (file->find_section(SHT_SYMTAB) == nullptr) {
+            // Stripped. The addresses and sections of its debug file are its own.
+            if (auto debug_file = open_debug_file(tid_, owner.build_id))
+                file = std::move(debug_file);
+        }
+    }
+    return std::make_unique<symbol_table>(std::move(file));
+}
+
+const symbol_name* symbol_names::find(uint64_t pc, const module* owner)
+{
+    std::lock_guard load_guard(load_lock_);
+    if (const symbol_name* known = find_known(pc))
+        return known;
+    symbol_name name;
+    if (owner != nullptr) {
+        auto& table = tables_[owner];
+        if (!table)
+            table = load(*owner);
+        name = table->find(pc - owner->load_bias);
+    }
+    std::unique_lock guard(names_lock_);
+    return &names_.emplace(pc, std::move(name)).first->second;
+}
