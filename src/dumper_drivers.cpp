@@ -7,10 +7,12 @@
 
 #include <cstdlib>
 #include <memory>
+#include <optional>
 #include <system_error>
 #include <thread>
 
 #include "dumper.h"
+#include "hold_turn.h"
 #include "system_log.h"
 #include "trace_gate.h"
 #include "unwind/thread_snapshot.h"
@@ -99,6 +101,7 @@ int dumper::dump_thread(pid_t target_tid, bool tid_attached, stringstream* ss)
         if (!tid_attached)
             return ret;
     }
+    std::optional<hold_turn> turn(std::in_place);
     if (!tid_attached) {
         if (ss == nullptr && fdump != nullptr)
             fflush(fdump);  // the block of a held thread finds an empty buffer
@@ -139,6 +142,7 @@ int dumper::dump_thread(pid_t target_tid, bool tid_attached, stringstream* ss)
                             ret, pid, target_tid);
         trace_gate::end_tool(pid);
     }
+    turn.reset();
     if (sent_back) {
         __android_log_print(ANDROID_LOG_INFO, "Dumper", "Unexcept signal:%d..continue\n", sig);
         trace_gate::resume_process(pid);
