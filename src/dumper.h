@@ -29,7 +29,7 @@ enum DUMP_MODE {
 
 class dumper
 {
-    process_map_info* pmi;  // null until init_process_map
+    process_map_info* pmi;                // null until init_process_map
     std::shared_ptr<target_image> image;  // what unwinding knows of the target; null until then, too
     pid_t pid;
     pid_t tid;              // the thread of a thread dump, the crashing thread, or -1

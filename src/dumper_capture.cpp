@@ -60,7 +60,10 @@ int dumper::dump_registers(stringstream* ss, pid_t target_tid)
     return 0;
 }
 
-void dumper::load_target_image() { image = std::make_shared<target_image>(pid); }
+void dumper::load_target_image()
+{
+    image = std::make_shared<target_image>(pid);
+}
 
 void dumper::take_snapshot(thread_snapshot& snapshot, pid_t target_tid)
 {

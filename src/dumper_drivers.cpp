@@ -101,8 +101,9 @@ int dumper::dump_thread(pid_t target_tid, bool tid_attached, stringstream* ss)
         if (!tid_attached)
             return ret;
     }
-    std::optional<hold_turn> turn(std::in_place);
+    std::optional<hold_turn> turn;
     if (!tid_attached) {
+        turn.emplace();
         if (ss == nullptr && fdump != nullptr)
             fflush(fdump);  // the block of a held thread finds an empty buffer
         ret = attach_thread(target_tid);
@@ -150,8 +151,8 @@ int dumper::dump_thread(pid_t target_tid, bool tid_attached, stringstream* ss)
     if (walk) {
         ret = write_backtrace(ss, snapshot);
         if (ret < 0)
-            __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Dump backtrace failed:%d, pid=%d, tid=%d\n", ret,
-                                pid, target_tid);
+            __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Dump backtrace failed:%d, pid=%d, tid=%d\n",
+                                ret, pid, target_tid);
     }
     if (!dump_ktrace(ss, target_tid)) {
         __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Dump kernel trace failed:%d, pid=%d, tid=%d\n", 1,

@@ -32,12 +32,14 @@ std::string find_build_id(std::span<const uint8_t> notes)
         const auto data_bytes = reader.read<uint32_t>();
         const auto type = reader.read<uint32_t>();
         const uint8_t* name = reader.take((uint64_t{name_bytes} + 3) & ~uint64_t{3});
-        const uint8_t* data = reader.take((uint64_t{data_bytes} + 3) & ~uint64_t{3});
+        const uint8_t* data = reader.take(data_bytes);
         if (!reader.ok())
             return {};
         if (type == NT_GNU_BUILD_ID && name_bytes == 4 && memcmp(name, "GNU", 4) == 0) {
             return {reinterpret_cast<const char*>(data), data_bytes};
         }
+        if (!reader.at_end())  // the last one's padding may be missing
+            reader.take(-data_bytes & 3U);
     }
     return {};
 }

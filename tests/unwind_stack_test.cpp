@@ -1,0 +1,320 @@
+// Whole call stacks of real programs, as the tool reports them: linked, stripped, moved and damaged in the
+// ways that hide call-frame tables and names.
+#include <elf.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <regex>
+
+#include "support/target.h"
+#include "support/tool.h"
+
+using std::string;
+using std::vector;
+namespace fs = std::filesystem;
+
+namespace
+{
+struct frame {
+    string pc;
+    string module;
+    string function;  // empty in the short form
+};
+
+string program(const string& name)
+{
+    return build_dir() + "/tests/targets/" + name;
+}
+
+// The frames of the first backtrace of a report.
+vector<frame> frames_of(const string& report)
+{
+    static const std::regex line(R"(#[ 0-9]\d* pc 0x([0-9a-f]+) +(\S*(?: \(deleted\))?)(?: \((.*) \+ 0x[0-9a-f]+\))?\n)");
+    const string text = section(report, "\nBacktrace:\n", "\nKernel Trace:");
+    vector<frame> frames;
+    for (auto at = std::sregex_iterator(text.begin(), text.end(), line); at != std::sregex_iterator(); ++at)
+        frames.push_back({(*at)[1], (*at)[2], (*at)[3]});
+    return frames;
+}
+
+vector<string> functions_of(const vector<frame>& frames)
+{
+    vector<string> functions;
+    for (const frame& f : frames)
+        functions.push_back(f.function);
+    return functions;
+}
+
+// Whether the names stand in this order, next to each other.
+bool has_chain(const vector<string>& functions, const vector<string>& chain)
+{
+    return std::search(functions.begin(), functions.end(), chain.begin(), chain.end()) != functions.end();
+}
+
+tool_run dump(const target& of)
+{
+    return run_tool({"-p", std::to_string(of.pid())});
+}
+
+string text_of(const vector<frame>& frames)
+{
+    string text;
+    for (const frame& f : frames)
+        text += f.pc + " " + f.module + " " + f.function + "\n";
+    return text;
+}
+
+// A copy of a target program in a folder of its own, for a test to damage.
+class copied_program
+{
+public:
+    explicit copied_program(const string& name)
+    {
+        char dir[] = "/tmp/stacks_XXXXXX";
+        folder = mkdtemp(dir);
+        path = folder / name;
+        fs::copy_file(program(name), path);
+        std::ifstream file(path, std::ios::binary);
+        bytes.assign(std::istreambuf_iterator<char>(file), {});
+        memcpy(&header, bytes.data(), sizeof(header));
+    }
+    ~copied_program() { fs::remove_all(folder); }
+
+    Elf64_Phdr* segment(uint32_t type)
+    {
+        auto* segments = reinterpret_cast<Elf64_Phdr*>(bytes.data() + header.e_phoff);
+        return std::find_if(segments, segments + header.e_phnum,
+                            [type](auto& s) { return s.p_type == type; });
+    }
+    Elf64_Shdr* section_of(uint32_t type)
+    {
+        auto* sections = reinterpret_cast<Elf64_Shdr*>(bytes.data() + header.e_shoff);
+        return std::find_if(sections, sections + header.e_shnum,
+                            [type](auto& s) { return s.sh_type == type; });
+    }
+    void write_back()
+    {
+        std::ofstream(path, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    }
+
+    fs::path folder;
+    fs::path path;
+    vector<char> bytes;
+    Elf64_Ehdr header;
+};
+
+const vector<string> plain_chain = {"wait_here", "inner", "outer", "main"};
+
+}  // namespace
+
+struct stack_case {
+    const char* program;
+    const char* kind;
+    vector<string> chain;
+};
+
+void PrintTo(const stack_case& c, std::ostream* to)
+{
+    *to << c.program << " " << c.kind;
+}
+
+class stack_of : public testing::TestWithParam<stack_case>
+{
+};
+
+TEST_P(stack_of, is_whole_and_named)
+{
+    const stack_case& wanted = GetParam();
+    const target child({wanted.program, wanted.kind});
+    const tool_run run = dump(child);
+    const vector<frame> frames = frames_of(run.out);
+    EXPECT_TRUE(has_chain(functions_of(frames), wanted.chain)) << text_of(frames) << run.err;
+    ASSERT_FALSE(frames.empty());
+    EXPECT_EQ(frames.back().function, "_start") << text_of(frames);
+    EXPECT_TRUE(child.runs_untraced());
+}
+
+INSTANTIATE_TEST_SUITE_P(programs, stack_of,
+                         testing::Values(stack_case{"stacks", "plain", plain_chain},
+                                         stack_case{"stacks_lld", "plain", plain_chain},
+                                         stack_case{"stacks_static", "plain", plain_chain},
+                                         stack_case{"stacks_no_table", "plain", plain_chain},
+                                         stack_case{"stacks_debug_frame", "plain", plain_chain},
+                                         stack_case{"stacks_mini_debug", "plain", plain_chain},
+                                         stack_case{
+                                             "stacks", "anonymous", {"inner", "", "call_anonymous", "main"}},
+                                         stack_case{"stacks", "null", {"", "call_null", "main"}},
+                                         stack_case{"stacks", "signal", {"raise_signal", "main"}}),
+                         [](const auto& test) { return string(test.param.program) + "_" + test.param.kind; });
+
+TEST(stack, crosses_from_the_signal_stack_through_a_call_of_null)
+{
+    const target child({"stacks", "null"});
+    const vector<frame> frames = frames_of(dump(child).out);
+    const vector<string> functions = functions_of(frames);
+    const auto handler = std::find(functions.begin(), functions.end(), "handle_signal");
+    const auto caller = std::find(functions.begin(), functions.end(), "call_null");
+    ASSERT_LT(handler, caller) << text_of(frames);
+    ASSERT_NE(caller, functions.end()) << text_of(frames);
+    EXPECT_EQ(frames[static_cast<size_t>(caller - functions.begin()) - 1].pc, "0");
+}
+
+TEST(stack, deeper_than_its_copy_shows_every_frame_that_fits_a_report)
+{
+    const target child({"stacks", "deep"});
+    const vector<string> functions = functions_of(frames_of(dump(child).out));
+    EXPECT_EQ(functions.size(), 1024U);
+    EXPECT_GE(std::count(functions.begin(), functions.end(), "recurse"), 1020);
+}
+
+TEST(stack, leads_out_of_the_vdso)
+{
+    const target child({"stacks", "vdso"});
+    bool seen_inside = false;
+    for (int i = 0; i < 50 && !seen_inside; i++) {
+        const vector<frame> frames = frames_of(dump(child).out);
+        EXPECT_TRUE(has_chain(functions_of(frames), {"ask_the_time", "main"})) << text_of(frames);
+        seen_inside = frames[0].module == "[vdso]";
+    }
+    EXPECT_TRUE(seen_inside);
+}
+
+TEST(stack, of_a_deleted_program_is_whole_whatever_has_taken_its_place)
+{
+    copied_program copy("stacks");
+    const target child({copy.path, "plain"});
+    fs::remove(copy.path);
+    ASSERT_EQ(mkfifo(copy.path.c_str(), 0600), 0);
+    const vector<frame> frames = frames_of(dump(child).out);
+    EXPECT_TRUE(has_chain(functions_of(frames), plain_chain)) << text_of(frames);
+}
+
+TEST(stack, of_a_program_in_another_mount_namespace_is_whole)
+{
+    copied_program copy("stacks");
+    const string place = copy.folder / "hidden";
+    fs::create_directory(place);
+    const target child({"/usr/bin/unshare", "-m", "/bin/sh", "-c",
+                        "mount -t tmpfs none " + place + " && cp " + string(copy.path) + " " + place +
+                            "/stacks && exec " + place + "/stacks plain"});
+    ASSERT_FALSE(fs::exists(place + "/stacks"));
+    const vector<frame> frames = frames_of(dump(child).out);
+    EXPECT_TRUE(has_chain(functions_of(frames), plain_chain)) << text_of(frames);
+}
+
+TEST(stack, of_a_stripped_program_gets_its_names_from_the_debug_file_in_its_own_root)
+{
+    {
+        const target bare({"stacks_stripped", "plain"});
+        const vector<frame> frames = frames_of(dump(bare).out);
+        EXPECT_FALSE(has_chain(functions_of(frames), plain_chain)) << text_of(frames);
+        EXPECT_GE(frames.size(), plain_chain.size() + 2) << text_of(frames);
+    }
+    const string folder = "/usr/lib/debug/.build-id/51";
+    const target child({"/usr/bin/unshare", "-m", "/bin/sh", "-c",
+                        "mkdir -p /usr/lib/debug && mount -t tmpfs none /usr/lib/debug && mkdir -p " +
+                            folder + " && cp " + program("stacks_stripped.debug") + " " + folder +
+                            "/74636b73.debug && exec " + program("stacks_stripped") + " plain"});
+    const vector<frame> frames = frames_of(dump(child).out);
+    EXPECT_TRUE(has_chain(functions_of(frames), plain_chain)) << text_of(frames);
+}
+
+TEST(stack, short_form_names_nothing)
+{
+    const target child({"stacks", "plain"});
+    const vector<frame> frames = frames_of(run_tool({"-F", "-p", std::to_string(child.pid())}).out);
+    EXPECT_GE(frames.size(), plain_chain.size() + 2);
+    EXPECT_THAT(functions_of(frames), testing::Each(""));
+}
+
+// Damage that aborts, loops or crashes an unwinder that believes it.
+struct damage_case {
+    const char* name;
+    void (*damage)(copied_program&);
+    bool named;  // whether the names survive it
+};
+
+void PrintTo(const damage_case& c, std::ostream* to)
+{
+    *to << c.name;
+}
+
+class damaged_stack : public testing::TestWithParam<damage_case>
+{
+};
+
+TEST_P(damaged_stack, is_whole_and_harms_nobody)
+{
+    copied_program copy("stacks");
+    GetParam().damage(copy);
+    copy.write_back();
+    const target child({copy.path, "plain"});
+    const tool_run run = dump(child);
+    ASSERT_TRUE(WIFEXITED(run.status)) << run.err;
+    const vector<frame> frames = frames_of(run.out);
+    EXPECT_EQ(has_chain(functions_of(frames), plain_chain), GetParam().named) << text_of(frames);
+    EXPECT_GE(frames.size(), plain_chain.size() + 2) << text_of(frames);
+    EXPECT_TRUE(child.runs_untraced());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    by, damaged_stack,
+    testing::Values(
+        damage_case{
+            "table_encoding",
+            [](copied_program& copy) { copy.bytes[copy.segment(PT_GNU_EH_FRAME)->p_offset + 3] = 0x1b; },
+            true},
+        damage_case{"table_version",
+                    [](copied_program& copy) { copy.bytes[copy.segment(PT_GNU_EH_FRAME)->p_offset] = 9; },
+                    true},
+        damage_case{"row_count",
+                    [](copied_program& copy) {
+                        memset(copy.bytes.data() + copy.segment(PT_GNU_EH_FRAME)->p_offset + 8, 0xff, 4);
+                    },
+                    true},
+        damage_case{"symbol_name_offsets",
+                    [](copied_program& copy) {
+                        const Elf64_Shdr* table = copy.section_of(SHT_SYMTAB);
+                        auto* symbols = reinterpret_cast<Elf64_Sym*>(copy.bytes.data() + table->sh_offset);
+                        for (size_t i = 0; i < table->sh_size / sizeof(Elf64_Sym); i++)
+                            symbols[i].st_name = 0x7fffffff;
+                    },
+                    false},
+        damage_case{"symbol_table_size",
+                    [](copied_program& copy) { copy.section_of(SHT_SYMTAB)->sh_size = ~uint64_t{0}; },
+                    false}),
+    [](const auto& test) { return string(test.param.name); });
+
+TEST(stack, ends_where_its_frame_address_is_a_loop)
+{
+    const target child({"stacks", "loop"});
+    const tool_run run = dump(child);
+    const vector<string> functions = functions_of(frames_of(run.out));
+    EXPECT_TRUE(has_chain(functions, {"wait_here", "inner", "loop_in_expression"}));
+    EXPECT_EQ(functions.back(), "loop_in_expression");
+    EXPECT_TRUE(child.runs_untraced());
+}
+
+// A running program's file cannot be cut, but one that its loader was told to run can.
+TEST(stack, of_a_file_cut_short_keeps_its_frames)
+{
+    copied_program copy("stacks");
+    const string loader = copy.bytes.data() + copy.segment(PT_INTERP)->p_offset;
+    const target child({loader, copy.path, "plain"});
+    uint64_t loaded_end = 0;
+    auto* segments = reinterpret_cast<Elf64_Phdr*>(copy.bytes.data() + copy.header.e_phoff);
+    for (size_t i = 0; i < copy.header.e_phnum; i++)
+        if (segments[i].p_type == PT_LOAD)
+            loaded_end = std::max(loaded_end, segments[i].p_offset + segments[i].p_filesz);
+    ASSERT_EQ(truncate(copy.path.c_str(), static_cast<off_t>(loaded_end)), 0);
+    const tool_run run = dump(child);
+    ASSERT_TRUE(WIFEXITED(run.status)) << run.err;
+    const vector<frame> frames = frames_of(run.out);
+    EXPECT_GE(frames.size(), plain_chain.size() + 2) << text_of(frames);
+}

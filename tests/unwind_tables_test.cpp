@@ -1,0 +1,201 @@
+// The parsers under the unwinder, fed by hand: maps lines, symbol tables, call-frame entries.
+#include <elf.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <random>
+
+#include "support/target.h"
+#include "unwind/byte_reader.h"
+#include "unwind/call_frame_info.h"
+#include "unwind/elf_file.h"
+#include "unwind/symbol_table.h"
+#include "unwind/target_maps.h"
+
+using std::string;
+using std::vector;
+
+namespace
+{
+struct test_symbol {
+    string name;
+    uint64_t value;
+    uint64_t size;
+    uint8_t info = ELF64_ST_INFO(STB_GLOBAL, STT_FUNC);
+    uint16_t section = 1;
+};
+
+// An ELF image with two code sections, [0x1000, 0x2000) and [0x2000, 0x3000), and a symbol table.
+vector<char> image_with(const vector<test_symbol>& symbols, bool strings_end = true)
+{
+    string strings(1, '\0');
+    vector<Elf64_Sym> table(1);
+    for (const test_symbol& symbol : symbols) {
+        table.push_back({static_cast<uint32_t>(strings.size()), symbol.info, 0, symbol.section, symbol.value,
+                         symbol.size});
+        strings += symbol.name + '\0';
+    }
+    if (!strings_end)
+        strings.pop_back();
+    const uint64_t table_at = sizeof(Elf64_Ehdr);
+    const uint64_t table_bytes = table.size() * sizeof(Elf64_Sym);
+    const uint64_t strings_at = table_at + table_bytes;
+    const uint64_t sections_at = (strings_at + strings.size() + 7) & ~uint64_t{7};
+    Elf64_Shdr sections[5] = {};
+    for (uint64_t i : {1, 2}) {
+        sections[i].sh_type = SHT_PROGBITS;
+        sections[i].sh_flags = SHF_ALLOC | SHF_EXECINSTR;
+        sections[i].sh_addr = i * 0x1000;
+        sections[i].sh_size = 0x1000;
+    }
+    sections[3].sh_type = SHT_SYMTAB;
+    sections[3].sh_offset = table_at;
+    sections[3].sh_size = table_bytes;
+    sections[3].sh_link = 4;
+    sections[3].sh_entsize = sizeof(Elf64_Sym);
+    sections[4].sh_type = SHT_STRTAB;
+    sections[4].sh_offset = strings_at;
+    sections[4].sh_size = strings.size();
+    Elf64_Ehdr header = {};
+    memcpy(header.e_ident, ELFMAG, SELFMAG);
+    header.e_ident[EI_CLASS] = ELFCLASS64;
+    header.e_ident[EI_DATA] = ELFDATA2LSB;
+    header.e_ident[EI_VERSION] = EV_CURRENT;
+    header.e_type = ET_DYN;
+    header.e_version = EV_CURRENT;
+    header.e_ehsize = sizeof(header);
+    header.e_shentsize = sizeof(Elf64_Shdr);
+    header.e_shnum = 5;
+    header.e_shoff = sections_at;
+    header.e_shstrndx = 4;
+    vector<char> image(sections_at + sizeof(sections));
+    memcpy(image.data(), &header, sizeof(header));
+    memcpy(image.data() + table_at, table.data(), table_bytes);
+    memcpy(image.data() + strings_at, strings.data(), strings.size());
+    memcpy(image.data() + sections_at, sections, sizeof(sections));
+    return image;
+}
+
+string name_at(vector<char> image, uint64_t address)
+{
+    auto file = std::make_unique<elf_file>();
+    if (!file->open_image(std::move(image)))
+        return "<no image>";
+    const symbol_name name = symbol_table(std::move(file)).find(address);
+    return name.text.empty() ? "" : name.text + "+" + std::to_string(name.offset);
+}
+
+}  // namespace
+
+TEST(symbol_table, names_an_address_after_the_symbol_that_covers_it_and_none_other)
+{
+    constexpr uint8_t label = ELF64_ST_INFO(STB_LOCAL, STT_NOTYPE);
+    constexpr uint8_t data = ELF64_ST_INFO(STB_GLOBAL, STT_OBJECT);
+    const vector<char> image = image_with({
+        {"outer", 0x1000, 0x100},
+        {"inside", 0x1010, 0x10},
+        {"local_alias", 0x1200, 0x10, ELF64_ST_INFO(STB_LOCAL, STT_FUNC)},
+        {"alias", 0x1200, 0x10},
+        {"versioned@@V_2.34", 0x1300, 0x10},
+        {"table_of_data", 0x1400, 0x100, data},
+        {"label", 0x1500, 0, label},
+        {"$x", 0x1600, 0, label},
+        {"after_label", 0x1700, 0x10},
+        {"end_label", 0x1f00, 0, label},
+        {"elsewhere", 0x2100, 0, label, 2},
+        {"endless", 0x2200, ~uint64_t{0}, ELF64_ST_INFO(STB_GLOBAL, STT_FUNC), 99},
+    });
+    const struct {
+        uint64_t address;
+        const char* name;
+    } wanted[] = {
+        {0x1000, "outer+0"}, {0x1015, "inside+5"},      {0x1020, "outer+32"}, {0x1100, ""},
+        {0x1205, "alias+5"}, {0x1301, "versioned+1"},   {0x1410, ""},         {0x1510, "label+16"},
+        {0x1608, ""},        {0x1705, "after_label+5"}, {0x1710, ""},         {0x1f80, "end_label+128"},
+        {0x2080, ""},        {0x2300, "elsewhere+512"}, {0x3000, ""},         {0, ""},
+    };
+    for (const auto& w : wanted)
+        EXPECT_EQ(name_at(image, w.address), w.name) << std::hex << w.address;
+}
+
+TEST(symbol_table, reads_no_string_past_the_end_of_its_table)
+{
+    EXPECT_EQ(name_at(image_with({{"function", 0x1000, 0x10}}), 0x1001), "function+1");
+    EXPECT_EQ(name_at(image_with({{"function", 0x1000, 0x10}}, false), 0x1001), "");
+    vector<char> image = image_with({{"function", 0x1000, 0x10}});
+    for (size_t keep = 0; keep < image.size(); keep++)
+        name_at({image.begin(), image.begin() + static_cast<std::ptrdiff_t>(keep)}, 0x1001);  // no crash
+}
+
+TEST(target_maps, lines_are_taken_apart_and_others_refused)
+{
+    mapping got;
+    ASSERT_TRUE(
+        parse_mapping("7f1c0000-7f1c2000 r-xp 00001000 fd:00 131    /usr/lib/my lib.so (deleted)", got));
+    EXPECT_EQ(got.start, 0x7f1c0000U);
+    EXPECT_EQ(got.end, 0x7f1c2000U);
+    EXPECT_EQ(got.file_offset, 0x1000U);
+    EXPECT_EQ(got.inode, 131U);
+    EXPECT_TRUE(got.readable && got.executable && !got.writable);
+    EXPECT_EQ(got.path, "/usr/lib/my lib.so (deleted)");
+    ASSERT_TRUE(parse_mapping("ffffffffff600000-ffffffffff601000 --xp 00000000 00:00 0", got));
+    EXPECT_TRUE(got.path.empty());
+    for (const char* odd :
+         {"", "7f1c0000", "2000-1000 r-xp 0 0:0 0", "zz-yy r-xp 0 0:0 0 x", "1000-2000 r-xp"})
+        EXPECT_FALSE(parse_mapping(odd, got)) << odd;
+}
+
+TEST(byte_reader, gives_nothing_past_the_end)
+{
+    const uint8_t endless[] = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff};
+    byte_reader unsigned_number(endless, 0);
+    unsigned_number.read_uleb();
+    EXPECT_FALSE(unsigned_number.ok());
+    byte_reader signed_number(endless, 0);
+    signed_number.read_sleb();
+    EXPECT_FALSE(signed_number.ok());
+    byte_reader block(endless, 0);
+    EXPECT_EQ(block.take(~uint64_t{0}), nullptr);
+    EXPECT_TRUE(block.at_end());
+}
+
+// The call-frame table of a real program, with bytes changed at random: every entry is refused or made a rule
+// of, and nothing is read out of bounds.
+TEST(call_frame_info, survives_any_damage)
+{
+    std::ifstream file(build_dir() + "/tests/targets/stacks_static", std::ios::binary);
+    vector<char> program((std::istreambuf_iterator<char>(file)), {});
+    elf_file elf;
+    ASSERT_TRUE(elf.open_image(program));
+    const vector<uint8_t> whole = elf.section_bytes(".eh_frame");
+    ASSERT_GT(whole.size(), 1000U);
+
+    std::minstd_rand random(7);
+    size_t rules = 0;
+    for (int round = 0; round < 60; round++) {
+        vector<uint8_t> bytes = whole;
+        const int changes = round == 0 ? 0 : 1 << (round % 12);
+        for (int i = 0; i < changes; i++)
+            bytes[random() % bytes.size()] = static_cast<uint8_t>(random());
+        const frame_section section = {false, 0, [&bytes](uint64_t at, void* to, size_t size) {
+                                           if (at > bytes.size() || size > bytes.size() - at)
+                                               return false;
+                                           memcpy(to, bytes.data() + at, size);
+                                           return true;
+                                       }};
+        const auto index = index_frame_section(section, 0, bytes.size());
+        if (round == 0) {
+            EXPECT_GT(index.size(), 100U);
+        }
+        for (const auto& row : index) {
+            const auto entry = read_frame_entry(section, row.at);
+            if (entry && make_unwind_rule(*entry, entry->start + (entry->end - entry->start) / 2))
+                rules++;
+            else if (round == 0)
+                ADD_FAILURE() << "an undamaged entry is refused at " << row.at;
+        }
+    }
+    EXPECT_GT(rules, 100U);
+}
