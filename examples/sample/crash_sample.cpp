@@ -119,6 +119,6 @@ int main(int argc, char** argv)
     printf("ready\n");
     fflush(stdout);
     if (in_thread)
-        std::thread(crash, kind).join();
+        std::thread([&kind] { crash(kind); }).join();
     crash(kind);
 }
