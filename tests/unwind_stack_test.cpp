@@ -146,6 +146,7 @@ INSTANTIATE_TEST_SUITE_P(programs, stack_of,
                                          stack_case{"stacks_lld", "plain", plain_chain},
                                          stack_case{"stacks_static", "plain", plain_chain},
                                          stack_case{"stacks_no_table", "plain", plain_chain},
+                                         stack_case{"stacks_signed", "plain", plain_chain},
                                          stack_case{"stacks_debug_frame", "plain", plain_chain},
                                          stack_case{"stacks_mini_debug", "plain", plain_chain},
                                          stack_case{
@@ -196,14 +197,20 @@ TEST(stack, of_a_deleted_program_is_whole_whatever_has_taken_its_place)
     EXPECT_TRUE(has_chain(functions_of(frames), plain_chain)) << text_of(frames);
 }
 
+// A target in a mount namespace of its own, where a shell has prepared its files.
+vector<string> in_own_namespace(const string& preparation, const string& command)
+{
+    return {"/bin/sh", "-c", "exec unshare -m /bin/sh -c '" + preparation + " && exec " + command + "'"};
+}
+
 TEST(stack, of_a_program_in_another_mount_namespace_is_whole)
 {
     copied_program copy("stacks");
     const string place = copy.folder / "hidden";
     fs::create_directory(place);
-    const target child({"/usr/bin/unshare", "-m", "/bin/sh", "-c",
-                        "mount -t tmpfs none " + place + " && cp " + string(copy.path) + " " + place +
-                            "/stacks && exec " + place + "/stacks plain"});
+    const target child(in_own_namespace(
+        "mount -t tmpfs none " + place + " && cp " + string(copy.path) + " " + place + "/stacks",
+        place + "/stacks plain"));
     ASSERT_FALSE(fs::exists(place + "/stacks"));
     const vector<frame> frames = frames_of(dump(child).out);
     EXPECT_TRUE(has_chain(functions_of(frames), plain_chain)) << text_of(frames);
@@ -218,11 +225,10 @@ TEST(stack, of_a_stripped_program_gets_its_names_from_the_debug_file_in_its_own_
         EXPECT_GE(frames.size(), plain_chain.size() + 2) << text_of(frames);
     }
     const string folder = "/usr/lib/debug/.build-id/51";
-    const target child({"/usr/bin/unshare", "-m", "/bin/sh", "-c",
-                        "mkdir -p /usr/lib/debug && mount -t tmpfs none /usr/lib/debug && mkdir -p " +
-                            folder + " && cp " + program("stacks_stripped.debug") + " " + folder +
-                            "/a7e0000000000000000000000000000000d06f.debug && exec " +
-                            program("stacks_stripped") + " plain"});
+    const target child(in_own_namespace(
+        "mkdir -p /usr/lib/debug && mount -t tmpfs none /usr/lib/debug && mkdir -p " + folder + " && cp " +
+            program("stacks_stripped.debug") + " " + folder + "/a7e0000000000000000000000000000000d06f.debug",
+        program("stacks_stripped") + " plain"));
     const vector<frame> frames = frames_of(dump(child).out);
     EXPECT_TRUE(has_chain(functions_of(frames), plain_chain)) << text_of(frames);
 }
