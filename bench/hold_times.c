@@ -1,5 +1,6 @@
-// Preloaded into a tool that traces: notes how long it holds each thread, from PTRACE_ATTACH or PTRACE_SEIZE to
-// PTRACE_DETACH, and writes one line a hold, in milliseconds, to the file that HOLD_TIMES names when the tool ends.
+// Preloaded into a tool that traces: notes how long it holds each thread, from PTRACE_ATTACH or PTRACE_SEIZE
+// to PTRACE_DETACH, and writes one line a hold, in milliseconds, to the file that HOLD_TIMES names when the
+// tool ends.
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <stdarg.h>

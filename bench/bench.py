@@ -1,0 +1,115 @@
+#!/usr/bin/env python3
+"""Side by side in one run: the tool, gdb and eu-stack on the same targets.
+
+usage: bench.py BUILD_DIR [ROUNDS]
+
+Each round runs every tool once on every target, so that what else the machine does hits all alike. Prints a table of
+medians: wall and processor time of the whole dump, peak memory, and how long one thread was held (median, longest).
+"""
+import os
+import shutil
+import signal
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+
+NODE_PROGRAM = """
+const { Worker, isMainThread } = require('worker_threads');
+if (isMainThread) {
+  let up = 0;
+  for (let i = 0; i < 4; i++) new Worker(__filename).on('message', () => { if (++up == 4) process.stdout.write('r'); });
+} else {
+  require('worker_threads').parentPort.postMessage('up');
+}
+setInterval(() => {}, 1000);
+"""
+
+
+class Target:
+    def __init__(self, title, argv, in_gdb=True):
+        self.title = title
+        self.in_gdb = in_gdb
+        self.process = subprocess.Popen(argv, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+        if argv[0] != 'sleep' and self.process.stdout.read(1) != b'r':
+            raise RuntimeError(f'{title}: the target did not start')
+        time.sleep(0.5)  # lets the last threads reach their wait; nothing depends on it
+
+    def end(self):
+        self.process.send_signal(signal.SIGKILL)
+        self.process.wait()
+
+
+def run(argv, preload, holds_file):
+    """One run: milliseconds of wall and processor time, KiB of peak memory, hold times in milliseconds."""
+    environment = {**os.environ, 'LD_PRELOAD': preload, 'HOLD_TIMES': holds_file, 'DEBUGINFOD_URLS': ''}
+    if os.path.exists(holds_file):
+        os.remove(holds_file)
+    start = time.monotonic()
+    child = subprocess.Popen(argv, env=environment, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    _, _, usage = os.wait4(child.pid, 0)
+    wall = (time.monotonic() - start) * 1e3
+    child.returncode = 0
+    holds = []
+    if os.path.exists(holds_file):
+        with open(holds_file, encoding='ascii') as lines:
+            holds = [float(line.split()[1]) for line in lines]
+    return wall, (usage.ru_utime + usage.ru_stime) * 1e3, usage.ru_maxrss, holds
+
+
+def median(values):
+    return statistics.median(values) if values else float('nan')
+
+
+def main():
+    build = os.path.abspath(sys.argv[1])
+    rounds = int(sys.argv[2]) if len(sys.argv) > 2 else 7
+    preload = f'{build}/bench/libhold_times.so'
+    folder = tempfile.mkdtemp()
+    holds_file = f'{folder}/holds'
+    report = f'{folder}/report'
+    chains = f'{build}/bench/call_chains'
+    targets = [
+        Target('1 thread (sleep)', ['sleep', '100000']),
+        Target('20 threads', [chains, '19']),
+        Target('200 threads', [chains, '199']),
+        Target('200 threads, 50 chains', [chains, '199', '50']),
+        Target('2000 threads', [chains, '1999'], in_gdb=False),
+    ]
+    if shutil.which('node'):
+        with open(f'{folder}/workers.js', 'w', encoding='ascii') as program:
+            program.write(NODE_PROGRAM)
+        targets.append(Target('Node.js, 4 workers', ['node', f'{folder}/workers.js']))
+    try:
+        print('| target | tool | wall ms | CPU ms | peak MB | hold median ms | hold longest ms | wall: times the tool |')
+        print('|---|---|---|---|---|---|---|---|')
+        for target in targets:
+            pid = str(target.process.pid)
+            tools = {
+                'dump_server': [f'{build}/dump_server', '-p', pid, '-f', report],
+                'dump_server -F': [f'{build}/dump_server', '-F', '-p', pid, '-f', report],
+                'eu-stack': ['nice', '-n', '19', 'eu-stack', '-p', pid],
+                'gdb': ['nice', '-n', '19', 'gdb', '-nx', '-batch', '-p', pid, '-ex', 'thread apply all bt'],
+                'floor': [f'{build}/bench/floor', pid],
+            }
+            if not target.in_gdb:
+                del tools['gdb']
+            runs = {name: [] for name in tools}
+            for _ in range(rounds):
+                for name, argv in tools.items():
+                    runs[name].append(run(argv, preload, holds_file))
+            own = median([r[0] for r in runs['dump_server']])
+            for name, results in runs.items():
+                wall = median([r[0] for r in results])
+                print(f'| {target.title} | {name} | {wall:.1f} | {median([r[1] for r in results]):.1f} | '
+                      f'{median([r[2] for r in results]) / 1024:.1f} | '
+                      f'{median([median(r[3]) for r in results if r[3]]):.3f} | '
+                      f'{median([max(r[3]) for r in results if r[3]]):.2f} | {wall / own:.2f} |', flush=True)
+    finally:
+        for target in targets:
+            target.end()
+        shutil.rmtree(folder)
+
+
+main()
