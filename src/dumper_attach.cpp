@@ -24,6 +24,7 @@ using std::vector;
 namespace
 {
 constexpr int rescue_limit_ms = 100;
+constexpr int reap_limit_ms = 1000;
 
 // A number of /proc/<pid>/task/<tid>/status, e.g. "TracerPid"; -1 when the thread or the line is not there.
 long long status_number(pid_t pid, pid_t tid, const char* key, int base)
@@ -49,6 +50,21 @@ bool stop_signal_pending(pid_t pid, pid_t tid)
     return pending != -1 && (pending >> (SIGSTOP - 1) & 1);
 }
 
+// Dead, or on its way through exit: it will never stop again. Flags: PF_EXITING of the kernel's sched.h,
+// field 9 of proc_pid_stat(5).
+bool is_ending(pid_t pid, pid_t tid)
+{
+    char stat[512] = "";
+    if (!sys_stat::get_process_stat(stat, sizeof(stat), pid, static_cast<uint32_t>(tid)))
+        return true;
+    const char* behind_name = strrchr(stat, ')');
+    char state = '\0';
+    unsigned flags = 0;
+    if (behind_name == nullptr || sscanf(behind_name, ") %c %*d %*d %*d %*d %*d %u", &state, &flags) != 2)
+        return false;
+    return state == 'Z' || state == 'X' || (flags & 4) != 0;
+}
+
 // An execve of a thread that is being attached raises SIGTRAP in it (ptrace(2), "execve(2) under ptrace"):
 // sent by the process to itself, and only because of the attach.
 bool is_exec_trap(pid_t pid, pid_t tid, int sig)
@@ -63,6 +79,17 @@ long ms_since(const timeval& start)
     timeval now;
     gettimeofday(&now, nullptr);
     return (now.tv_sec - start.tv_sec) * 1000 + (now.tv_usec - start.tv_usec) / 1000;
+}
+
+// Reaps a tracee that is ending, so that its parent's wait for it ends. A thread group leader can be reaped
+// only after all its other threads have gone: hence the loop.
+void reap_ending_thread(pid_t tid)
+{
+    timeval start;
+    gettimeofday(&start, nullptr);
+    int status = 0;
+    while (waitpid(tid, &status, __WALL | WNOHANG) == 0 && ms_since(start) < reap_limit_ms)
+        sched_yield();
 }
 
 }  // namespace
@@ -193,8 +220,11 @@ int dumper::detach_thread(pid_t target_tid)
     // A tracee that was killed stays listed, and its parent waiting, until its tracer has reaped it.
     int status = 0;
     const bool reaped = waitpid(target_tid, &status, __WALL | WNOHANG) == target_tid && !WIFSTOPPED(status);
-    if (!reaped && thread_exist(target_tid) == 0)
-        return -1;
+    if (!reaped) {
+        if (!is_ending(pid, target_tid) && thread_exist(target_tid) == 0)
+            return -1;
+        reap_ending_thread(target_tid);
+    }
     trace_gate::released();
     __android_log_print(ANDROID_LOG_WARN, "Dumper", "Process may exited, not fatal error, ignore\n");
     return 0;
@@ -238,7 +268,10 @@ bool dumper::rescue_thread(pid_t target_tid)
         }
         sched_yield();
     }
-    return false;
+    if (!is_ending(pid, target_tid))
+        return false;
+    reap_ending_thread(target_tid);
+    return true;
 }
 
 void dumper::release_attached_thread(pid_t target_tid)
