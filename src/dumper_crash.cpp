@@ -57,7 +57,7 @@ int dumper::dump_process_crash()
     }
 
     if (is_crash_signal(signal)) {
-        kill(pid, SIGSTOP);
+        trace_gate::freeze_process(pid);
         ret = crash_dump(signal, &detach_failed);
         if (ret != 0)
             __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Crash_dump failed:%d\n", ret);

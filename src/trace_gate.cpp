@@ -18,6 +18,7 @@ std::atomic<int> attaching_threads{0};
 std::atomic<int> holding_threads{0};  // attaching or held
 std::atomic<int> shut{0};             // how many want no new attach to begin
 std::atomic<int> ending_signal{0};
+std::atomic<pid_t> frozen_process{0};  // one at most: a crash dump runs alone
 
 static_assert(std::atomic<int>::is_always_lock_free, "the counters are read in a signal handler");
 
@@ -32,6 +33,9 @@ void take_default_action(int signo)
     sigset_t set;
     sigemptyset(&set);
     sigaddset(&set, signo);
+    const pid_t frozen = frozen_process;
+    if (frozen != 0)
+        kill(frozen, SIGCONT);
     raise(signo);
     pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
 }
@@ -118,6 +122,12 @@ void trace_gate::released()
     end_if_asked();
 }
 
+void trace_gate::freeze_process(pid_t pid)
+{
+    frozen_process = pid;
+    kill(pid, SIGSTOP);
+}
+
 void trace_gate::resume_process(pid_t pid)
 {
     if (pid <= 0)
@@ -125,6 +135,8 @@ void trace_gate::resume_process(pid_t pid)
     shut++;
     wait_until_zero(attaching_threads, longest_stop_wait_ms);
     kill(pid, SIGCONT);
+    if (frozen_process == pid)
+        frozen_process = 0;
     shut--;
 }
 

@@ -20,6 +20,10 @@ void begin_attach();  // before PTRACE_ATTACH; waits, perhaps for ever, while th
 void stop_seen();     // the attach has become a stop, or is over otherwise
 void released();      // this thread holds nothing any more
 
+// SIGSTOP to a whole process, which its tracer's end would not undo: an ending signal sends SIGCONT first.
+// For one process at a time, until resume_process.
+void freeze_process(pid_t pid);
+
 // SIGCONT to a whole process, at a moment when it cannot cancel the SIGSTOP of an attach on its way.
 void resume_process(pid_t pid);
 
