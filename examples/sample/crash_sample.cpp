@@ -1,8 +1,8 @@
 // A program that crashes on demand, as the target of crash reports.
 // usage: crash_sample KIND [THREADS] [main|thread]
-// KIND: segv bus ill fpe abrt trap overflow, or wait: does not crash. THREADS (default 0) further threads
-// wait meanwhile. The crash happens in the main thread, or in another one with "thread". One line says when
-// all threads are there.
+// KIND: segv bus ill fpe abrt trap overflow; together: every thread at once; wait: does not crash. THREADS
+// (default 0) further threads wait meanwhile. The crash happens in the main thread, or in another one with
+// "thread". One line says when all threads are there.
 #include <pthread.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -75,7 +75,7 @@ namespace
 {
 void crash(const std::string& kind)
 {
-    if (kind == "segv")
+    if (kind == "segv" || kind == "together")
         write_through_bad_pointer();
     else if (kind == "bus")
         read_past_end_of_file();
@@ -111,8 +111,10 @@ int main(int argc, char** argv)
     pthread_barrier_t all_there;
     pthread_barrier_init(&all_there, nullptr, static_cast<unsigned>(threads) + 1);
     for (int i = 0; i < threads; i++)
-        std::thread([&all_there] {
+        std::thread([&all_there, &kind] {
             pthread_barrier_wait(&all_there);
+            if (kind == "together")
+                write_through_bad_pointer();
             wait_for_ever();
         }).detach();
     pthread_barrier_wait(&all_there);

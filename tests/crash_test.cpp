@@ -1,0 +1,317 @@
+// Crash reports end to end: a program that crashes with the example library in it, the server's report, and
+// the way the program dies.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
+
+#include "support/server.h"
+#include "support/target.h"
+#include "support/tool.h"
+
+using std::string;
+using std::to_string;
+using std::vector;
+
+namespace
+{
+const string banner = "****************** Process crash dump stat ******************\n";
+
+// The sample with the library, its reports in dir.
+class crashing : public target
+{
+public:
+    crashing(const string& dir, vector<string> args, vector<string> through = {})
+        : target(prepare(dir, std::move(args), std::move(through)))
+    {
+        unsetenv("LD_PRELOAD");
+        unsetenv("CRASH_REPORT_DIR");
+    }
+
+private:
+    static vector<string> prepare(const string& dir, vector<string> args, vector<string> through)
+    {
+        // A copy that every user can load.
+        const string library = "/tmp/libcrash_reporter.so";
+        std::filesystem::copy_file(build_dir() + "/examples/libcrash_reporter.so", library,
+                                   std::filesystem::copy_options::skip_existing);
+        setenv("LD_PRELOAD", library.c_str(), 1);
+        setenv("CRASH_REPORT_DIR", dir.c_str(), 1);
+        through.push_back(build_dir() + "/examples/crash_sample");
+        through.insert(through.end(), args.begin(), args.end());
+        return through;
+    }
+};
+
+bool died_by(target& program, int signo)
+{
+    const int status = program.wait_for_end();
+    return status != -1 && WIFSIGNALED(status) && WTERMSIG(status) == signo;
+}
+
+// The thread numbers of the blocks of a report, in their order.
+vector<pid_t> threads_of(const string& report)
+{
+    vector<pid_t> tids;
+    for (size_t at = 0; (at = report.find(", tid: ", at)) != string::npos; at++)
+        tids.push_back(atoi(report.c_str() + at + 7));
+    return tids;
+}
+
+// The one report in dir.
+string only_report(const string& dir)
+{
+    const vector<string> paths = reports_in(dir);
+    EXPECT_EQ(paths.size(), 1u);
+    return paths.empty() ? "" : file_text(paths[0]);
+}
+
+struct crash_case {
+    const char* kind;
+    int signo;
+    const char* signal_line;  // up to the address
+    const char* function;
+};
+constexpr crash_case crash_cases[] = {
+    {"segv", SIGSEGV, "Fatal signal 11 (SIGSEGV), code 1, fault addr 0x10\n", "write_through_bad_pointer"},
+    {"bus", SIGBUS, "Fatal signal 7 (SIGBUS), code 2, fault addr 0x", "read_past_end_of_file"},
+    {"ill", SIGILL, "Fatal signal 4 (SIGILL), code ", "execute_illegal_instruction"},
+    {"fpe", SIGFPE, "Fatal signal 8 (SIGFPE), code ", "divide_by_zero"},
+    {"abrt", SIGABRT, "Fatal signal 6 (SIGABRT), code -6, \n", "give_up"},
+    {"trap", SIGTRAP, "Fatal signal 5 (SIGTRAP), code ", "run_into_breakpoint"},
+    {"overflow", SIGSEGV, "Fatal signal 11 (SIGSEGV), code ", "recurse_for_ever"},
+};
+
+}  // namespace
+
+TEST(crash_report, tells_of_every_kind_of_crash_and_lets_the_program_die_of_it)
+{
+    const server daemon;
+    int round = 0;
+    for (const crash_case& c : crash_cases) {
+        for (const char* where : {"main", "thread"}) {
+            const int further = (const int[]){0, 2, 8}[round++ % 3];
+            SCOPED_TRACE(string(c.kind) + " " + to_string(further) + " " + where);
+            const string dir = fresh_dir();
+            const size_t mark = daemon.log().size();
+            crashing program(dir, {c.kind, to_string(further), where});
+            const pid_t pid = program.pid();
+            EXPECT_TRUE(died_by(program, c.signo));
+
+            ASSERT_TRUE(eventually([&] { return daemon.log_since(mark).find(" takes:") != string::npos; }));
+            const string report = only_report(dir);
+            const size_t heading = report.find("\n=== === === === Dump process:" + to_string(pid) + " stat");
+            ASSERT_NE(heading, string::npos) << report << daemon.log_since(mark);
+            EXPECT_TRUE(report.starts_with(banner)) << report;
+            const string crash_part = report.substr(0, heading);
+            EXPECT_EQ(count_of(crash_part, string("\n") + c.signal_line), 1u) << crash_part;
+            EXPECT_EQ(count_of(crash_part, "Fatal signal"), 1u) << crash_part;
+            EXPECT_NE(section(crash_part, "\nBacktrace:\n", "\n\n").find(c.function), string::npos)
+                << crash_part;
+
+            const pid_t crashed = threads_of(crash_part).at(0);
+            EXPECT_EQ(crashed == pid, string(where) == "main");
+            vector<pid_t> others = threads_of(report.substr(heading));
+            EXPECT_EQ(others.size(), static_cast<size_t>(further) + 1) << report;
+            std::sort(others.begin(), others.end());
+            EXPECT_EQ(std::unique(others.begin(), others.end()), others.end()) << report;
+            EXPECT_EQ(std::count(others.begin(), others.end(), crashed), crashed == pid) << report;
+            EXPECT_EQ(count_of(report, "\nBacktrace:\n"), others.size() + 1) << report;
+        }
+    }
+    EXPECT_TRUE(daemon.lives());
+    EXPECT_TRUE(daemon.is_idle());
+}
+
+TEST(crash_report, appears_line_by_line_in_the_log_up_to_the_process_heading)
+{
+    const server daemon;
+    const string dir = fresh_dir();
+    const size_t mark = daemon.log().size();
+    crashing program(dir, {"segv", "1", "thread"});
+    const pid_t pid = program.pid();
+    EXPECT_TRUE(died_by(program, SIGSEGV));
+    ASSERT_TRUE(daemon.logs(" takes:"));
+    const string log = daemon.log_since(mark);
+    const string path = reports_in(dir, "crashdump-" + to_string(pid) + "-").at(0);
+    const string report = file_text(path);
+
+    // One entry for each line written, in one piece, but for the raw stat line, and nothing behind the
+    // heading.
+    const string heading = "\n=== === === === Dump process:" + to_string(pid) + " stat === === === ===\n";
+    string expected = "I DumpServer: Dumper socket accepted\nI Dumper: Crash dump saving to " + path + "\n";
+    std::istringstream lines(report.substr(0, report.find(heading)));
+    for (string line; getline(lines, line);) {
+        if (line.starts_with("Thread stat:"))
+            continue;
+        const bool second_line_of_entry =
+            line.starts_with("pid: ") || line == "Register:" || line == "Backtrace:";
+        expected += (second_line_of_entry ? "" : "I Dumper: ") + line + "\n";
+    }
+    expected += "I Dumper: " + heading;
+    EXPECT_TRUE(log.starts_with(expected)) << "expected:\n" << expected << "log:\n" << log;
+    const string rest = log.size() > expected.size() ? log.substr(expected.size()) : "";
+    EXPECT_TRUE(rest.starts_with("I DumpServer: Handle_dump_req 0xae01 takes:")) << rest;
+    EXPECT_EQ(count_of(rest, "\n"), 1u) << rest;
+    const string name = path.substr(path.rfind('/'));
+    EXPECT_EQ(name.size(), string("/crashdump-_20260307090503").size() + 1 + to_string(pid).size() * 2)
+        << name;
+}
+
+TEST(crash_report, follows_signals_that_were_sent)
+{
+    const server daemon;
+    for (const int signo : {SIGSEGV, SIGBUS, SIGILL, SIGTRAP, SIGFPE, SIGABRT}) {
+        const string dir = fresh_dir();
+        crashing program(dir, {"wait", "1"});
+        EXPECT_EQ(read_line(program), "eady");
+        kill(program.pid(), signo);
+        EXPECT_TRUE(died_by(program, signo)) << signo;
+        ASSERT_TRUE(daemon.is_idle());
+        const string report = only_report(dir);
+        EXPECT_EQ(count_of(report, "\nFatal signal " + to_string(signo) + " (" +
+                                       sys_stat::get_signame(signo) + "), code 0, \n"),
+                  1u)
+            << report;
+        EXPECT_NE(report.find("wait_for_ever"), string::npos);
+    }
+}
+
+TEST(crash_report, is_one_when_threads_crash_together)
+{
+    const server daemon;
+    for (int round = 0; round < 5; round++) {
+        const string dir = fresh_dir();
+        crashing program(dir, {"together", "8"});
+        EXPECT_TRUE(died_by(program, SIGSEGV));
+        ASSERT_TRUE(daemon.logs(" takes:", static_cast<size_t>(round) + 1));
+        const string report = only_report(dir);
+        EXPECT_TRUE(report.starts_with(banner));
+        const vector<pid_t> tids = threads_of(report);
+        EXPECT_EQ(std::set<pid_t>(tids.begin(), tids.end()).size(), 9u) << report;
+    }
+}
+
+TEST(crash_report, is_never_written_through_a_link_or_over_a_file)
+{
+    const server daemon;
+    target victim({build_dir() + "/examples/crash_sample", "wait"});
+    const string dir = fresh_dir();
+    const string precious = dir + "/precious";
+    std::ofstream(precious) << "precious";
+    // The name holds the second of its making: planted for the next minute.
+    const time_t now = time(nullptr);
+    for (time_t second = now; second < now + 60; second++) {
+        char stamp[16];
+        tm local;
+        strftime(stamp, sizeof(stamp), "%Y%m%d%H%M%S", localtime_r(&second, &local));
+        const string name =
+            dir + "/crashdump-" + to_string(victim.pid()) + "-" + to_string(victim.pid()) + "_" + stamp;
+        if (second % 2 != 0)
+            ASSERT_EQ(symlink(precious.c_str(), name.c_str()), 0);
+        else
+            ASSERT_EQ(link(precious.c_str(), name.c_str()), 0);
+    }
+    const connection link;
+    ASSERT_TRUE(link.send_request(make_request(CMD_CRASH_DUMP, victim.pid(), victim.pid(), dir)));
+    ASSERT_EQ(link.acknowledgement(), 0);
+    kill(victim.pid(), SIGABRT);
+    EXPECT_TRUE(died_by(victim, SIGABRT));
+    EXPECT_TRUE(link.closed_by_server());
+    EXPECT_EQ(file_text(precious), "precious");
+    const string log = daemon.log_since(0);
+    for (const char* entry : {"E Dumper: Open dump file '", "E Dumper: Create crash file failed:-2\n",
+                              "E Dumper: Crash_dump failed:-2\n",
+                              "I Dumper: Crash dump not support multiple threads crashed simultaneously",
+                              "E DumpServer: handle_dump_req failed, ret:-2\n"})
+        EXPECT_EQ(count_of(log, entry), 1u) << log;
+}
+
+TEST(crash_report, belongs_to_the_user_of_the_crashed_program)
+{
+    const server daemon({"-s"}, [] { umask(0); });
+    const string dir = fresh_dir();
+    ASSERT_EQ(chown(dir.c_str(), 65534, 65534), 0);
+    crashing program(dir, {"segv"}, {"as_user", "65534"});
+    EXPECT_TRUE(died_by(program, SIGSEGV));
+    ASSERT_TRUE(daemon.logs(" takes:"));
+    EXPECT_NE(only_report(dir).find("write_through_bad_pointer"), string::npos);
+    struct stat file;
+    ASSERT_EQ(stat(reports_in(dir).at(0).c_str(), &file), 0);
+    EXPECT_EQ(file.st_uid, 65534u);
+
+    const string closed_dir = fresh_dir();
+    crashing refused(closed_dir, {"segv"}, {"as_user", "65534"});
+    EXPECT_TRUE(died_by(refused, SIGSEGV));
+    ASSERT_TRUE(daemon.logs(" takes:", 2));
+    EXPECT_TRUE(reports_in(closed_dir).empty());
+}
+
+TEST(crash_report, leaves_a_frozen_process_running_when_the_server_is_ended)
+{
+    for (int round = 0; round < 4; round++) {
+        server daemon;
+        crashing program(fresh_dir(), {"abrt", "200"});
+        ASSERT_TRUE(daemon.logs(round % 2 == 0 ? "Crash dump saving to" : "Dump process:"));
+        kill(daemon.pid(), SIGTERM);
+        const int status = daemon.wait_for_end();
+        EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM) << status;
+        EXPECT_TRUE(died_by(program, SIGABRT)) << thread_state(program.pid(), program.pid());
+    }
+}
+
+TEST(crash_reporter, costs_nothing_without_a_server_and_a_second_with_a_silent_one)
+{
+    const string dir = fresh_dir();
+    for (const crash_case& c : crash_cases) {
+        crashing program(dir, {c.kind, "2", "thread"});
+        EXPECT_TRUE(died_by(program, c.signo)) << c.kind;
+    }
+    unlink(dump_server_socket);
+    const int silent = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    strcpy(address.sun_path, dump_server_socket);
+    ASSERT_EQ(bind(silent, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    ASSERT_EQ(listen(silent, 0), 0);
+    const auto crash_ms = [&dir] {
+        timeval start;
+        gettimeofday(&start, nullptr);
+        crashing program(dir, {"segv"});
+        EXPECT_TRUE(died_by(program, SIGSEGV));
+        timeval end;
+        gettimeofday(&end, nullptr);
+        return elapsed_ms(start, end);
+    };
+    const double first = crash_ms();  // is taken into the backlog, never answered
+    EXPECT_GT(first, 900);
+    EXPECT_LT(first, 5000);
+    EXPECT_GT(crash_ms(), 900) << "finds the backlog full";
+    close(silent);
+    unlink(dump_server_socket);
+    EXPECT_TRUE(reports_in(dir).empty());
+}
+
+TEST(crash_reporter, leaves_ignored_signals_alone)
+{
+    const server daemon;
+    signal(SIGTRAP, SIG_IGN);
+    const string dir = fresh_dir();
+    crashing program(dir, {"wait"});
+    signal(SIGTRAP, SIG_DFL);
+    kill(program.pid(), SIGTRAP);
+    kill(program.pid(), SIGABRT);
+    EXPECT_TRUE(died_by(program, SIGABRT));
+    ASSERT_TRUE(daemon.logs(" takes:"));
+    EXPECT_EQ(count_of(only_report(dir), "Fatal signal 6 (SIGABRT)"), 1u);
+}

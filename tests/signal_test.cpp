@@ -1,0 +1,140 @@
+// Signal names, the fatal-signal line, and what a server does with signals of its own.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <sstream>
+
+#include "dumper_common.h"
+#include "support/log_capture.h"
+#include "support/server.h"
+#include "support/target.h"
+#include "support/tool.h"
+
+using std::string;
+using std::to_string;
+
+namespace
+{
+siginfo_t signal_info(int signo, int code, uintptr_t address)
+{
+    siginfo_t info = {};
+    info.si_signo = signo;
+    info.si_code = code;
+    info.si_addr = reinterpret_cast<void*>(address);
+    return info;
+}
+
+}  // namespace
+
+TEST(signal_summary, names_nine_signals)
+{
+    const std::pair<int, const char*> names[] = {
+        {4, "SIGILL"},   {5, "SIGTRAP"},    {6, "SIGABRT"},  {7, "SIGBUS"},  {8, "SIGFPE"}, {9, "?"},
+        {11, "SIGSEGV"}, {16, "SIGSTKFLT"}, {19, "SIGSTOP"}, {31, "SIGSYS"}, {3, "?"},      {13, "?"},
+        {24, "?"},       {25, "?"},         {42, "?"},       {0, "?"},       {-1, "?"},
+    };
+    for (const auto& [signo, name] : names)
+        EXPECT_STREQ(sys_stat::get_signame(signo), name) << signo;
+}
+
+TEST(signal_summary, tells_which_signals_carry_an_address)
+{
+    for (const int code : {SI_USER, SI_QUEUE, SI_TKILL})
+        for (const int signo : {SIGSEGV, SIGBUS, SIGABRT}) {
+            const siginfo_t info = signal_info(signo, code, 0x10);
+            EXPECT_FALSE(sys_stat::signal_has_si_addr(&info)) << signo << " " << code;
+        }
+    for (int signo = 1; signo < 32; signo++) {
+        const siginfo_t info = signal_info(signo, 1, 0x10);
+        const bool has = signo == 4 || signo == 5 || signo == 7 || signo == 8 || signo == 11;
+        EXPECT_EQ(sys_stat::signal_has_si_addr(&info), has) << signo;
+    }
+}
+
+TEST(signal_summary, is_one_line_that_names_the_thread)
+{
+    prctl(PR_SET_NAME, "fifteen_letters");
+    const string process = file_text("/proc/self/comm").substr(0, 15);
+    const string tail = "in tid " + to_string(gettid()) + " (fifteen_letters), pid " + to_string(getpid()) +
+                        " (" + process + ")";
+    const struct {
+        siginfo_t info;
+        string head;
+    } cases[] = {
+        {signal_info(SIGSEGV, SEGV_MAPERR, 0x10), "Fatal signal 11 (SIGSEGV), code 1, fault addr 0x10 "},
+        {signal_info(SIGSEGV, SI_TKILL, 0x10), "Fatal signal 11 (SIGSEGV), code -6,  "},
+        {signal_info(SIGABRT, 1, 0x10), "Fatal signal 6 (SIGABRT), code 1,  "},
+        {signal_info(SIGQUIT, SI_USER, 0), "Fatal signal 3 (?), code 0,  "},
+    };
+    for (const auto& c : cases) {
+        clear_log();
+        sys_stat::log_signal_summary(&c.info);
+        ASSERT_EQ(logged().size(), 1u);
+        EXPECT_EQ(logged()[0].prio, 6);
+        EXPECT_EQ(logged()[0].tag, "<null>");
+        EXPECT_EQ(logged()[0].text, c.head + tail);
+    }
+}
+
+TEST(server_signals, logs_a_summary_and_its_frames_once_then_ends_as_anyone)
+{
+    const std::pair<int, const char*> signals[] = {
+        {SIGQUIT, "3 (?)"}, {SIGSEGV, "11 (SIGSEGV)"}, {SIGSTKFLT, "16 (SIGSTKFLT)"}};
+    for (const auto& [signo, name] : signals) {
+        server daemon;
+        const target idle({"threads", "1"});
+        const size_t mark = daemon.log().size();
+        kill(daemon.pid(), signo);
+        ASSERT_TRUE(daemon.logs("==> [0] ")) << name;
+        EXPECT_EQ(ask(make_request(CMD_PROCESS_STAT, idle.pid(), idle.pid(), "/tmp")), 0) << name;
+        const string log = daemon.log_since(mark);
+        const string number = to_string(daemon.pid());
+        EXPECT_TRUE(log.starts_with("E dump_server: Fatal signal " + string(name) + ", code 0,  in tid " +
+                                    number + " (dump_server), pid " + number +
+                                    " (dump_server)\nE DumpServer: ==> [0] "))
+            << log;
+        EXPECT_NE(log.find("dump_server"), string::npos);
+
+        kill(daemon.pid(), signo);
+        const int status = daemon.wait_for_end();
+        EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == signo) << name << " " << status;
+    }
+}
+
+TEST(server_signals, nice_counts_only_before_server_mode)
+{
+    const std::pair<std::vector<string>, int> cases[] = {{{"-s", "-n", "5"}, 19},
+                                                         {{"-n", "5", "-f", "x", "-s"}, 5}};
+    for (const auto& [args, expected] : cases) {
+        const server daemon(args);
+        const string stat = file_text("/proc/" + to_string(daemon.pid()) + "/stat");
+        std::istringstream fields(stat.substr(stat.rfind(')') + 2));
+        string field;
+        for (int i = 0; i < 17; i++)
+            fields >> field;
+        EXPECT_EQ(field, to_string(expected)) << stat;
+    }
+}
+
+// The window between attach and stop: the target waits uninterruptible, so its stop comes when the test says.
+TEST(server_signals, ends_by_sigterm_only_after_the_stop_it_waits_for)
+{
+    server daemon;
+    target held({"in_vfork"});
+    const pid_t vfork_child = atoi(read_line(held).c_str());
+    ASSERT_GT(vfork_child, 0);
+    const connection link;
+    ASSERT_TRUE(link.send_request(make_request(CMD_PROCESS_STAT, held.pid(), held.pid(), fresh_dir())));
+    ASSERT_EQ(link.acknowledgement(), 0);
+    kill(daemon.pid(), SIGTERM);
+    EXPECT_TRUE(daemon.lives());
+    EXPECT_EQ(daemon.wait_for_end(100), -1) << "it would have left its target stopped";
+    kill(vfork_child, SIGUSR1);
+    const int status = daemon.wait_for_end();
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM) << status;
+    EXPECT_TRUE(held.runs_untraced());
+}

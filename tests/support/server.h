@@ -1,0 +1,79 @@
+// A running dump server (the real executable, in this test run's own /tmp), and connections to it.
+#pragma once
+
+#include <sys/types.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "dumper_common.h"
+
+class server
+{
+    pid_t child = -1;
+    std::string log_path;
+    size_t idle_descriptors = 0;
+
+public:
+    // Returns when the server listens. in_child runs before the exec.
+    explicit server(std::vector<std::string> args = {"-s"}, const std::function<void()>& in_child = {});
+    ~server();
+    server(const server&) = delete;
+    server& operator=(const server&) = delete;
+
+    pid_t pid() const { return child; }
+    bool lives() const;
+    // Waits for its end at most limit_ms: the status of waitpid, or -1.
+    int wait_for_end(int limit_ms = 10000);
+    // All its log entries so far, each a line like "I DumpServer[812]: text".
+    std::string log() const;
+    // The entries behind a mark (an earlier log().size()), without the process number.
+    std::string log_since(size_t mark) const;
+    // Waits until this text has been logged so many times.
+    bool logs(const std::string& text, size_t times = 1) const;
+    // Waits until every connection has gone, and no descriptor or thread is left of them.
+    bool is_idle() const;
+
+private:
+    size_t open_descriptors() const;
+};
+
+constexpr int no_answer = -1000;
+
+class connection
+{
+    int fd;
+
+public:
+    connection();
+    ~connection() { close_now(); }
+    connection(const connection&) = delete;
+    connection& operator=(const connection&) = delete;
+
+    bool is_open() const { return fd >= 0; }
+    bool send_bytes(const void* bytes, size_t length) const;
+    bool send_request(const dumper_frame& request) const { return send_bytes(&request, sizeof(request)); }
+    // The next acknowledgement's status; no_answer when the server closes or limit_ms pass. Its code in *cmd.
+    int acknowledgement(uint16_t* cmd = nullptr, int limit_ms = 10000) const;
+    // Whether the server closes without a further byte.
+    bool closed_by_server(int limit_ms = 10000) const;
+    // No request will follow: the server closes when it has finished the last.
+    void end_requests() const;
+    void close_now();
+};
+
+dumper_frame make_request(uint16_t cmd, pid_t pid, pid_t tid, const std::string& dir);
+
+// Sends one request on a connection of its own and waits until it is finished: the status, or no_answer.
+int ask(const dumper_frame& request, uint16_t* cmd = nullptr);
+
+// Paths of the reports in a directory whose names hold this text.
+std::vector<std::string> reports_in(const std::string& dir, const std::string& part = "");
+
+class target;
+// The next line of a target's standard output, without its newline.
+std::string read_line(target& program);
+
+// A new, empty directory below /tmp.
+std::string fresh_dir(mode_t mode = 0755);
