@@ -35,7 +35,7 @@ constexpr long other_report_limit_ms = 60000;  // how long a second crashing thr
 constexpr size_t handler_stack_size = 64 * 1024;  // the signal frame alone may need 11 KiB: AT_MINSIGSTKSZ
 
 char report_dir[sizeof(dumper_request::dump_path)] = "/tmp";
-std::atomic<pid_t> reporting_process{0};  // a process number: the child of a vfork shares this memory
+std::atomic<pid_t> reporting_thread{0};
 
 static_assert(std::atomic<pid_t>::is_always_lock_free, "it is used in a signal handler");
 
@@ -71,13 +71,14 @@ bool connect_to_server(int fd, long deadline)
     return true;
 }
 
-// Returns when the server holds this thread, or will not: it answered, closed, or took too long.
-void ask_for_report(const siginfo_t* info)
+// Returns when the server traces this thread (true), or will not: it refused, closed, or took too long.
+bool ask_for_report(const siginfo_t* info)
 {
     const long deadline = now_ms() + answer_limit_ms;
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd < 0)
-        return;
+        return false;
+    bool traced = false;
     if (connect_to_server(fd, deadline)) {
         // Where only ancestors may trace, a server that is not root needs leave: PR_SET_PTRACER(2const).
         ucred server;
@@ -93,11 +94,14 @@ void ask_for_report(const siginfo_t* info)
         record.req_t.tid = static_cast<uint32_t>(syscall(SYS_gettid));
         record.req_t.si_code = info->si_code;
         record.req_t.abort_addr = info->si_code > 0 ? info->si_addr : nullptr;
+        int status = -1;
         if (send(fd, &record, sizeof(record), MSG_NOSIGNAL) == sizeof(record) &&
-            wait_until_readable(fd, deadline))
-            (void)!recv(fd, &record, sizeof(record), 0);  // whatever it says, what follows is the same
+            wait_until_readable(fd, deadline) && recv(fd, &record, sizeof(record), 0) == sizeof(record))
+            memcpy(&status, record.ack_t.ack, sizeof(status));
+        traced = status == 0;
     }
     close(fd);
+    return traced;
 }
 
 void send_to_this_thread(int signo)
@@ -105,11 +109,10 @@ void send_to_this_thread(int signo)
     syscall(SYS_tgkill, getpid(), syscall(SYS_gettid), signo);
 }
 
+// A fault repeats at its instruction when the handler returns. What was sent does not, nor does a breakpoint
+// instruction on machines that step past it.
 void let_it_take_effect(int signo, const siginfo_t* info)
 {
-    signal(signo, SIG_DFL);
-    // A fault repeats at its instruction when the handler returns. What was sent does not, nor does a
-    // breakpoint instruction on machines that step past it.
     if (info->si_code > 0 && signo != SIGTRAP)
         return;
     sigset_t set;
@@ -120,18 +123,38 @@ void let_it_take_effect(int signo, const siginfo_t* info)
     send_to_this_thread(signo);
 }
 
+// Makes the calling thread the one that asks. False when another one of this process is: not one of the
+// parent's, whose memory the child of a vfork shares.
+bool become_reporting_thread(pid_t self)
+{
+    pid_t other = 0;
+    while (!reporting_thread.compare_exchange_weak(other, self))
+        if (other != 0 && syscall(SYS_tgkill, getpid(), other, 0) == 0)
+            return false;
+    return true;
+}
+
+// A thread that the server traces comes here twice. The tracer sees its repeated signal before any handler
+// does; the handler stays until after the report, so that another thread that crashes meanwhile waits in it
+// instead of ending the process. Once released, the thread repeats its signal once more, and now the default
+// action is due.
 void handle_fatal_signal(int signo, siginfo_t* info, void*)
 {
     const int saved_errno = errno;
-    const pid_t self = getpid();
-    if (reporting_process.exchange(self) == self) {
-        // Another thread crashed first. Its report shows this one too, and its signal ends them both.
-        const long deadline = now_ms() + other_report_limit_ms;
-        for (long left; (left = deadline - now_ms()) > 0;)
-            poll(nullptr, 0, static_cast<int>(left));
-    } else {
-        ask_for_report(info);
+    const auto self = static_cast<pid_t>(syscall(SYS_gettid));
+    bool default_action = true;
+    if (reporting_thread != self) {
+        if (become_reporting_thread(self)) {
+            default_action = !ask_for_report(info);
+        } else {
+            // The report of the thread that came first shows this one too, and its signal ends them both.
+            const long deadline = now_ms() + other_report_limit_ms;
+            for (long left; (left = deadline - now_ms()) > 0;)
+                poll(nullptr, 0, static_cast<int>(left));
+        }
     }
+    if (default_action)
+        signal(signo, SIG_DFL);
     let_it_take_effect(signo, info);
     errno = saved_errno;
 }

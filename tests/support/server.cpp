@@ -22,6 +22,16 @@
 using std::string;
 using std::vector;
 
+namespace
+{
+ino_t socket_inode()
+{
+    struct stat file;
+    return stat(dump_server_socket, &file) == 0 ? file.st_ino : 0;
+}
+
+}  // namespace
+
 server::server(vector<string> args, const std::function<void()>& in_child)
 {
     static int number = 0;
@@ -32,6 +42,7 @@ server::server(vector<string> args, const std::function<void()>& in_child)
         argv.push_back(arg.data());
     argv.push_back(nullptr);
 
+    const ino_t earlier = socket_inode();
     const int log_file = open(log_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0600);
     child = fork();
     if (child == 0) {
@@ -43,8 +54,8 @@ server::server(vector<string> args, const std::function<void()>& in_child)
         _exit(127);
     }
     close(log_file);
-    // The answer to a first connection says that it listens; its end leaves the state of rest.
-    eventually([] { return connection().is_open(); });
+    // A socket other than an earlier server's, and a first connection whose end leaves the state of rest.
+    eventually([earlier] { return socket_inode() != earlier && connection().is_open(); });
     if (!logs("Dumper socket accepted") || !eventually([this] { return thread_ids(child).size() == 2; }))
         fprintf(stderr, "the server did not get ready:\n%s", log().c_str());
     idle_descriptors = open_descriptors();
