@@ -163,6 +163,7 @@ int dumper_comm::handle_dump_req(int socket, char* buf, dump_server* service)
     auto* df = reinterpret_cast<dumper_frame*>(buf);
     const uint16_t cmd = df->cmd;
     const pid_t pid = df->req_t.pid;
+    const auto tid = static_cast<pid_t>(df->req_t.tid);
     std::unique_lock<std::shared_timed_mutex> wLock(service->sig_rwlock, std::defer_lock);
     std::shared_lock<std::shared_timed_mutex> rLock(service->sig_rwlock, std::defer_lock);
     dumper dp(df);
@@ -181,10 +182,13 @@ int dumper_comm::handle_dump_req(int socket, char* buf, dump_server* service)
         socket_send_ack(socket, static_cast<uint16_t>(~cmd), reinterpret_cast<char*>(&ret), sizeof(ret));
     };
     ucred peer = {0, static_cast<uid_t>(-1), static_cast<gid_t>(-1)};
-    if (!peer_of(socket, &peer) || !may_ask(peer.uid, pid)) {
-        ret = -1;
+    auto refuse = [&] {
         __android_log_print(ANDROID_LOG_WARN, "DumpServer", "User %d may not ask for a dump of pid %d\n",
                             static_cast<int>(peer.uid), pid);
+        ret = -1;
+    };
+    if (!peer_of(socket, &peer) || !may_ask(peer.uid, pid)) {
+        refuse();
         acknowledge();
         return ret;
     }
@@ -195,7 +199,13 @@ int dumper_comm::handle_dump_req(int socket, char* buf, dump_server* service)
         wLock.lock();
     else
         rLock.lock();
-    ret = dp.attach_thread(cmd == CMD_PROCESS_STAT ? pid : -1);
+    const pid_t thread = cmd == CMD_PROCESS_STAT ? pid : tid;
+    ret = dp.attach_thread(thread);
+    // While the request waited its turn, the number may have gone to a process of somebody else.
+    if (ret == 0 && !may_ask(peer.uid, pid)) {
+        dp.release_attached_thread(thread);
+        refuse();
+    }
     acknowledge();
     if (ret < 0) {
         __android_log_print(ANDROID_LOG_ERROR, "DumpServer", "ptrace attach failed\n");

@@ -58,6 +58,8 @@ public:
     // Releases a stopped tracee without a signal. 0 also when it has gone meanwhile; -1 when it is still
     // held.
     int detach_thread(pid_t target_tid);
+    // Waits for and releases a thread that the server attached and that will not be dumped after all.
+    void release_attached_thread(pid_t target_tid);
     // Whether the thread is in a tracing stop or stopped. Does not replace -1.
     bool still_traced(pid_t target_tid);
 
@@ -106,8 +108,6 @@ private:
     bool release_thread(bool detach_failed, pid_t target_tid);
     // Last try for a thread that a detach did not release: false when it cannot be brought to a stop.
     bool rescue_thread(pid_t target_tid);
-    // Waits for and releases a thread that the server attached and that will not be dumped after all.
-    void release_attached_thread(pid_t target_tid);
 
     // What a held thread shows, its kernel stack, the memory map: dumper_capture.cpp
     int dump_registers(std::stringstream* ss, pid_t target_tid);

@@ -2,11 +2,13 @@
 // ask, where reports go, and that nothing of it stops a target or the server.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/sched.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -68,6 +70,29 @@ public:
     as_other_user(const as_other_user&) = delete;
     as_other_user& operator=(const as_other_user&) = delete;
 };
+
+bool in_system_call(pid_t pid, pid_t tid, long number)
+{
+    const string path = "/proc/" + to_string(pid) + "/task/" + to_string(tid) + "/syscall";
+    return file_text(path).starts_with(to_string(number) + " ");
+}
+
+// A process of this number, which must be free: clone(2), set_tid. It runs the "threads" target.
+pid_t start_as_number(pid_t number)
+{
+    const string path = build_dir() + "/tests/targets/threads";
+    clone_args args = {};
+    args.exit_signal = SIGCHLD;
+    args.set_tid = reinterpret_cast<uint64_t>(&number);
+    args.set_tid_size = 1;
+    const auto child = static_cast<pid_t>(syscall(SYS_clone3, &args, sizeof(args)));
+    if (child == 0) {
+        close(STDOUT_FILENO);
+        execl(path.c_str(), path.c_str(), "1", nullptr);
+        _exit(127);
+    }
+    return child;
+}
 
 }  // namespace
 
@@ -336,6 +361,44 @@ TEST_F(server_mode, lets_other_users_ask_only_for_processes_of_their_own)
     EXPECT_EQ(ask(make_request(CMD_PROCESS_STAT, theirs.pid(), theirs.pid(), dir)), 0)
         << "root asks for anyone";
     EXPECT_EQ(reports_in(dir).size(), 1u);
+}
+
+TEST_F(server_mode, refuses_a_process_that_took_the_number_of_the_askers_own)
+{
+    target held({"in_vfork"});
+    const pid_t vfork_child = atoi(read_line(held).c_str());
+    const connection first;
+    ASSERT_TRUE(first.send_request(make_request(CMD_THREAD_STAT, held.pid(), held.pid(), dir)));
+    ASSERT_EQ(first.acknowledgement(), 0);
+
+    // The other user's crash request waits for the first one; meanwhile the process is replaced by one of
+    // root.
+    target theirs({"as_user", to_string(other_user), build_dir() + "/tests/targets/threads", "1"});
+    const pid_t number = theirs.pid();
+    std::unique_ptr<connection> link;
+    {
+        const as_other_user user;
+        link = std::make_unique<connection>();
+    }
+    ASSERT_TRUE(link->send_request(make_request(CMD_CRASH_DUMP, number, number, "/tmp")));
+    EXPECT_TRUE(eventually([this] {
+        const vector<pid_t> tids = thread_ids(daemon.pid());
+        return tids.size() == 4 && in_system_call(daemon.pid(), tids.back(), SYS_futex);
+    })) << "the request does not wait";
+    kill(number, SIGKILL);
+    theirs.wait_for_end();
+    ASSERT_EQ(start_as_number(number), number);
+    EXPECT_TRUE(
+        eventually([number] { return file_text("/proc/" + to_string(number) + "/comm") == "threads\n"; }));
+    kill(vfork_child, SIGUSR1);
+    EXPECT_EQ(link->acknowledgement(), -1);
+    EXPECT_TRUE(link->closed_by_server());
+    EXPECT_EQ(count_of(daemon.log(), "W DumpServer[" + to_string(daemon.pid()) + "]: User 65534 may not ask"),
+              1u);
+    EXPECT_EQ(thread_status(number, number, "TracerPid"), "0");
+    EXPECT_NE(thread_state(number, number), 'T');
+    kill(number, SIGKILL);
+    waitpid(number, nullptr, 0);
 }
 
 TEST_F(server_mode, ends_a_request_whose_target_is_killed)
