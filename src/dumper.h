@@ -108,6 +108,9 @@ private:
     bool release_thread(bool detach_failed, pid_t target_tid);
     // Last try for a thread that a detach did not release: false when it cannot be brought to a stop.
     bool rescue_thread(pid_t target_tid);
+    // A thread other than the lead that replaces the program takes the lead's number, and stays our tracee
+    // under it: releases this tool thread's tracee, whatever it is called now.
+    void release_after_exec();
 
     // What a held thread shows, its kernel stack, the memory map: dumper_capture.cpp
     int dump_registers(std::stringstream* ss, pid_t target_tid);

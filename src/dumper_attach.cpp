@@ -67,11 +67,36 @@ bool is_ending(pid_t pid, pid_t tid)
 
 // An execve of a thread that is being attached raises SIGTRAP in it (ptrace(2), "execve(2) under ptrace"):
 // sent by the process to itself, and only because of the attach.
-bool is_exec_trap(pid_t pid, pid_t tid, int sig)
+bool is_exec_trap(pid_t tid, int sig)
 {
     siginfo_t info = {};
     return sig == SIGTRAP && ptrace(PTRACE_GETSIGINFO, tid, 0, &info) == 0 && info.si_code == SI_USER &&
-           info.si_pid == pid;
+           info.si_pid == status_number(tid, tid, "Tgid", 10);
+}
+
+// A process that Ctrl-Z has stopped reports that signal at an attach, but nothing arrives in it: there is no
+// siginfo (ptrace(2), "Group-stop").
+bool is_group_stop(pid_t tid, int sig)
+{
+    siginfo_t info = {};
+    return (sig == SIGTSTP || sig == SIGTTIN || sig == SIGTTOU) &&
+           ptrace(PTRACE_GETSIGINFO, tid, 0, &info) == -1 && errno == EINVAL;
+}
+
+// To a tracee, whose number cannot be reused meanwhile. tgkill would refuse a job whose pid is that of a
+// thread other than the lead.
+void send_to_tracee(pid_t tid, int sig)
+{
+    (void)syscall(SYS_tkill, tid, sig);
+}
+
+// Releases a tracee in its stop, or lets it run to the SIGSTOP that is still pending and would stop it after
+// its release: false.
+bool release_or_run_to_stop(pid_t pid, pid_t tid, int sig)
+{
+    const bool once_more = stop_signal_pending(pid, tid);
+    const int handed_back = sig == SIGSTOP || is_exec_trap(tid, sig) ? 0 : sig;
+    return ptrace(once_more ? PTRACE_CONT : PTRACE_DETACH, tid, 0, handed_back) == 0 && !once_more;
 }
 
 long ms_since(const timeval& start)
@@ -172,7 +197,8 @@ int dumper::wait_for_sigstop(bool* detach_failed, pid_t target_tid)
         }
         if (WIFSTOPPED(status)) {
             trace_gate::stop_seen();
-            return WSTOPSIG(status);
+            const int sig = WSTOPSIG(status);
+            return is_group_stop(target_tid, sig) ? SIGSTOP : sig;
         }
         __android_log_print(ANDROID_LOG_INFO, "Dumper", "Unexpected waitpid response: pid=%d, status=%08x\n",
                             target_tid, static_cast<unsigned>(status));
@@ -200,8 +226,8 @@ int dumper::wait_for_sigstop(bool* detach_failed, pid_t target_tid)
 
 void dumper::send_signal_back(pid_t target_tid, int sig)
 {
-    if (!is_exec_trap(pid, target_tid, sig))
-        tgkill(pid, target_tid, sig);
+    if (!is_exec_trap(target_tid, sig))
+        send_to_tracee(target_tid, sig);
 }
 
 int dumper::detach_thread(pid_t target_tid)
@@ -244,10 +270,12 @@ bool dumper::rescue_thread(pid_t target_tid)
 {
     if (target_tid == -1)
         target_tid = tid;
-    if (status_number(pid, target_tid, "TracerPid", 10) != gettid())
+    if (status_number(pid, target_tid, "TracerPid", 10) != gettid()) {
+        release_after_exec();
         return true;  // gone, or released before
+    }
 
-    tgkill(pid, target_tid, SIGSTOP);
+    send_to_tracee(target_tid, SIGSTOP);
     timeval start;
     gettimeofday(&start, nullptr);
     while (ms_since(start) < rescue_limit_ms) {
@@ -256,15 +284,10 @@ bool dumper::rescue_thread(pid_t target_tid)
             static_cast<pid_t>(TEMP_FAILURE_RETRY(waitpid(target_tid, &status, __WALL | WNOHANG)));
         if (waited == -1 || (waited == target_tid && !WIFSTOPPED(status)))
             return true;  // it died, and is reaped now
-        if (waited == target_tid) {
-            const int sig = WSTOPSIG(status) == SIGSTOP ? 0 : WSTOPSIG(status);
-            // A SIGSTOP still pending would stop the thread after its release: let it arrive first.
-            const bool once_more = stop_signal_pending(pid, target_tid);
-            if (ptrace(once_more ? PTRACE_CONT : PTRACE_DETACH, target_tid, 0, sig) == 0 && !once_more) {
-                __android_log_print(ANDROID_LOG_WARN, "Dumper",
-                                    "Tid %d did not stop in time, released later\n", target_tid);
-                return true;
-            }
+        if (waited == target_tid && release_or_run_to_stop(pid, target_tid, WSTOPSIG(status))) {
+            __android_log_print(ANDROID_LOG_WARN, "Dumper", "Tid %d did not stop in time, released later\n",
+                                target_tid);
+            return true;
         }
         sched_yield();
     }
@@ -272,6 +295,21 @@ bool dumper::rescue_thread(pid_t target_tid)
         return false;
     reap_ending_thread(target_tid);
     return true;
+}
+
+void dumper::release_after_exec()
+{
+    timeval start;
+    gettimeofday(&start, nullptr);
+    while (ms_since(start) < rescue_limit_ms) {
+        siginfo_t stop = {};
+        constexpr int stops_of_own_tracees = WSTOPPED | WNOHANG | __WALL | __WNOTHREAD;
+        if (TEMP_FAILURE_RETRY(waitid(P_ALL, 0, &stop, stops_of_own_tracees)) != 0)
+            return;  // no tracee
+        if (stop.si_code == CLD_TRAPPED && release_or_run_to_stop(stop.si_pid, stop.si_pid, stop.si_status))
+            return;
+        sched_yield();
+    }
 }
 
 void dumper::release_attached_thread(pid_t target_tid)

@@ -1,4 +1,5 @@
 // Arguments to mode, nothing else. The exit status is always 0; the system log tells how a dump went.
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -72,7 +73,16 @@ bool parse_arguments(int argc, char** argv, arguments& args)
                 return false;
         }
     }
-    return args.server_mode || args.pid != -1 || args.tid != -1;
+    return true;
+}
+
+// A report or socket opened in the place of a closed standard stream would take what is meant for that
+// stream. Read-only: what is written there fails, and is reported, as it would on the closed descriptor.
+void fill_closed_standard_streams()
+{
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+        if (fcntl(fd, F_GETFD) == -1)
+            (void)open("/dev/null", O_RDONLY);
 }
 
 void run_server()
@@ -127,6 +137,7 @@ int main(int argc, char** argv)
 {
     timeval start;
     gettimeofday(&start, nullptr);
+    fill_closed_standard_streams();
     arguments args;
     if (!parse_arguments(argc, argv, args)) {
         show_help();
@@ -136,6 +147,8 @@ int main(int argc, char** argv)
         __android_log_print(ANDROID_LOG_ERROR, "DumpServer", "Set nice to %d failed\n", args.run_nice);
     if (args.server_mode)
         run_server();
+    else if (args.pid == -1 && args.tid == -1)
+        show_help();
     else
         run_client(args, start);
     return 0;

@@ -13,6 +13,7 @@
 #include <string>
 
 #include "support/log_capture.h"
+#include "support/log_daemon.h"
 #include "support/target.h"
 
 using std::string;
@@ -72,9 +73,11 @@ int main(int argc, char** argv)
         const string build = build_dir();
         mount_over("/tmp", "mode=1777",
                    build.starts_with("/tmp/") ? std::vector{build} : std::vector<string>{});
+        keep_machine_log();
         mount_over("/dev", "mode=755",
                    {"/dev/null", "/dev/zero", "/dev/full", "/dev/random", "/dev/urandom", "/dev/tty",
-                    "/dev/ptmx", "/dev/pts", "/dev/shm"});
+                    "/dev/pts", "/dev/shm"});
+        must(symlink("pts/ptmx", "/dev/ptmx") == 0, "symlink");  // a bind mount of the node opens no terminal
         must(chdir("/tmp") == 0, "chdir");
         signal(SIGPIPE, SIG_IGN);
         testing::UnitTest::GetInstance()->listeners().Append(new per_test);

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <regex>
 #include <sstream>
 
 #include "dumper_common.h"
@@ -46,38 +47,57 @@ tool_run run_tool(const vector<string>& args, const std::function<void()>& in_ch
 
 tool_run run_program(const vector<string>& argv, const std::function<void()>& in_child, int limit_ms)
 {
+    return finish(start_program(argv, in_child), limit_ms);
+}
+
+started_tool start_program(const vector<string>& argv, const std::function<void()>& in_child)
+{
     vector<string> copy = argv;
     vector<char*> args;
     for (string& arg : copy)
         args.push_back(arg.data());
     args.push_back(nullptr);
 
-    const int out = output_file();
-    const int err = output_file();
-    timeval start;
-    gettimeofday(&start, nullptr);
-    const pid_t child = fork();
-    if (child == 0) {
+    started_tool started = {-1, output_file(), output_file(), {}};
+    gettimeofday(&started.start, nullptr);
+    started.pid = fork();
+    if (started.pid == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
-        dup2(out, STDOUT_FILENO);
-        dup2(err, STDERR_FILENO);
+        dup2(started.out, STDOUT_FILENO);
+        dup2(started.err, STDERR_FILENO);
         if (in_child)
             in_child();
         execvp(args[0], args.data());
         _exit(127);
     }
+    return started;
+}
+
+tool_run finish(const started_tool& started, int limit_ms)
+{
     tool_run run = {};
-    if (!eventually([&] { return waitpid(child, &run.status, WNOHANG) == child; }, limit_ms)) {
-        kill(child, SIGKILL);
-        waitpid(child, nullptr, 0);
+    if (!eventually([&] { return waitpid(started.pid, &run.status, WNOHANG) == started.pid; }, limit_ms)) {
+        kill(started.pid, SIGKILL);
+        waitpid(started.pid, nullptr, 0);
         run.status = -1;
     }
     timeval end;
     gettimeofday(&end, nullptr);
-    run.ms = elapsed_ms(start, end);
-    run.out = take_text(out);
-    run.err = take_text(err);
+    run.ms = elapsed_ms(started.start, end);
+    run.out = take_text(started.out);
+    run.err = take_text(started.err);
     return run;
+}
+
+vector<string> log_entries(const string& err)
+{
+    vector<string> entries;
+    std::stringstream lines(err);
+    for (string line; getline(lines, line);) {
+        line = std::regex_replace(line, std::regex("^([IWE] \\S+)\\[[0-9]+\\]: "), "$1: ");
+        entries.push_back(std::regex_replace(line, std::regex("takes:[0-9]+\\.[0-9]{6} ms$"), "takes:# ms"));
+    }
+    return entries;
 }
 
 string file_text(const string& path)

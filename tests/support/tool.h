@@ -1,6 +1,7 @@
 // Runs of the real executable, and of anything else, with what they print.
 #pragma once
 
+#include <sys/time.h>
 #include <sys/types.h>
 
 #include <functional>
@@ -21,6 +22,19 @@ tool_run run_tool(const std::vector<std::string>& args, const std::function<void
 // The same for any program; argv[0] is its path.
 tool_run run_program(const std::vector<std::string>& argv, const std::function<void()>& in_child = {},
                      int limit_ms = 20000);
+
+// A run that goes on while the test does something to it: finish() waits for its end.
+struct started_tool {
+    pid_t pid;
+    int out;
+    int err;
+    timeval start;
+};
+started_tool start_program(const std::vector<std::string>& argv, const std::function<void()>& in_child = {});
+tool_run finish(const started_tool& started, int limit_ms = 20000);
+
+// The log entries in a run's standard error as "E Dumper: text", its times as "#".
+std::vector<std::string> log_entries(const std::string& err);
 
 std::string file_text(const std::string& path);
 

@@ -1,0 +1,127 @@
+// What a held thread shows: registers, frames, and the sections that need no hold.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <regex>
+
+#include "support/dumper_test.h"
+#include "support/log_capture.h"
+#include "support/mounted_file.h"
+#include "support/report.h"
+#include "support/target.h"
+#include "system_log.h"
+
+using std::string;
+using std::stringstream;
+
+namespace
+{
+// One thread's block, dumped in this process.
+thread_block dump_block(pid_t pid, pid_t tid, int mode)
+{
+    dumper_test job(pid, tid, mode);
+    EXPECT_EQ(job.job.init_process_map(), 0);
+    stringstream ss;
+    EXPECT_EQ(job.job.dump_thread(tid, false, &ss), 0) << log_as_text();
+    thread_block block = parse_block(ss.str());
+    EXPECT_TRUE(block.whole) << ss.str();
+    EXPECT_EQ(job.report(), "");
+    return block;
+}
+
+pid_t thread_named(const target& program, const string& name)
+{
+    for (const pid_t tid : thread_ids(program.pid()))
+        if (thread_status(program.pid(), tid, "Name") == name)
+            return tid;
+    return -1;
+}
+
+size_t frames_with(const thread_block& block, const string& part)
+{
+    return static_cast<size_t>(
+        std::count_if(block.frames.begin(), block.frames.end(),
+                      [&](const string& frame) { return frame.find(part) != string::npos; }));
+}
+
+}  // namespace
+
+TEST(backtrace, names_functions_only_when_asked)
+{
+    const target program({"threads", "1", "7"});
+    const pid_t tid = thread_named(program, "worker 0");
+    const std::regex named(R"(#( \d|\d\d) pc 0x[1-9a-f][0-9a-f]*  (\?\?|[/\[]\S*) \(.+ \+ 0x[0-9a-f]+\))");
+    const std::regex plain(R"(#( \d|\d\d) pc 0x[1-9a-f][0-9a-f]* (\?\?|[/\[]\S*))");
+
+    const thread_block with_names = dump_block(program.pid(), tid, SILENT | FUNC_PARSE);
+    for (const string& frame : with_names.frames)
+        EXPECT_TRUE(std::regex_match(frame, named) || std::regex_match(frame, plain)) << frame;
+    const string module = "  " + build_dir() + "/tests/targets/threads (";
+    EXPECT_EQ(frames_with(with_names, module + "wait_for_ever + 0x"), 1U);
+    EXPECT_EQ(frames_with(with_names, module + "sample::worker::descend(int) + 0x"), 7U);
+    EXPECT_EQ(frames_with(with_names, module + "sample::worker::run() + 0x"), 1U);
+
+    const thread_block without = dump_block(program.pid(), tid, SILENT);
+    EXPECT_EQ(without.frames.size(), with_names.frames.size());
+    for (const string& frame : without.frames)
+        EXPECT_TRUE(std::regex_match(frame, plain)) << frame;
+    EXPECT_EQ(frames_with(without, " " + build_dir() + "/tests/targets/threads"),
+              frames_with(with_names, " " + build_dir() + "/tests/targets/threads"));
+    for (size_t i = 0; i < without.frames.size(); i++)
+        EXPECT_EQ(atoi(without.frames[i].c_str() + 1), static_cast<int>(i));
+}
+
+TEST(backtrace, shows_code_of_no_file_as_unknown)
+{
+    const target program({"odd", "--code"});
+    for (const int mode : {int{SILENT}, SILENT | FUNC_PARSE}) {
+        const thread_block block = dump_block(program.pid(), program.pid(), mode);
+        ASSERT_FALSE(block.frames.empty());
+        EXPECT_TRUE(std::regex_match(block.frames[0], std::regex(R"(# 0 pc 0x[0-9a-f]+ \?\?)")))
+            << block.frames[0];
+    }
+}
+
+TEST(backtrace, of_an_endless_recursion_ends_after_1024_frames)
+{
+    const target program({"threads", "0", "100000"});
+    const thread_block block = dump_block(program.pid(), program.pid(), SILENT | FUNC_PARSE);
+    ASSERT_EQ(block.frames.size(), 1024U);
+    EXPECT_TRUE(block.frames.back().starts_with("#1023 pc 0x")) << block.frames.back();
+    EXPECT_EQ(frames_with(block, "sample::worker::descend(int)"),
+              block.frames.size() - frames_with(block, "wait_for_ever") - frames_with(block, "libc"));
+}
+
+TEST(capture, of_a_thread_that_is_not_held_leaves_the_heading)
+{
+    const target program({"odd", "free"});
+    dumper_test job(program.pid(), program.pid());
+    EXPECT_EQ(job.registers(nullptr, -1), -1);
+    EXPECT_EQ(job.report(), "\nRegister:\n");
+    EXPECT_EQ(log_as_text(), "6 Dumper: Ptrace error: No such process\n");
+}
+
+TEST(capture, of_the_kernel_stack_and_the_map_shows_all_or_nothing)
+{
+    const target program({"odd", "free"});
+    const pid_t pid = program.pid();
+    dumper_test job(pid, pid);
+    stringstream ss;
+    EXPECT_EQ(job.map_section(), -1);  // not loaded
+    EXPECT_FALSE(job.ktrace(nullptr, 1));
+    EXPECT_FALSE(job.ktrace(&ss, 1));
+    EXPECT_EQ(job.report(), "");
+    EXPECT_EQ(ss.str(), "\nKernel Trace:\n");
+    ss.str("");
+    {
+        const mounted_file stack(task_file(pid, pid, "stack"), "[<0>] one\n");
+        EXPECT_TRUE(job.ktrace(nullptr, -1));
+        EXPECT_TRUE(job.ktrace(&ss, -1));
+    }
+    EXPECT_EQ(job.report(), "\nKernel Trace:\n  [<0>] one\n");
+    EXPECT_EQ(ss.str(), job.report());
+    dumper_test no_report(pid, pid, SILENT, "/tmp/absent/report");
+    EXPECT_EQ(no_report.job.init_process_map(), 0);
+    EXPECT_EQ(no_report.map_section(), -1);
+}

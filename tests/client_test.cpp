@@ -1,0 +1,181 @@
+// The command line: usage, options, and what bad input gets.
+#include <gmock/gmock.h>
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "support/report.h"
+#include "support/target.h"
+#include "support/tool.h"
+
+using std::string;
+using std::vector;
+
+namespace
+{
+const string usage =
+    "Show process or thread callstack and status, or exec dump_server in server mode\n"
+    "\t-s, Run dumper_server in server mode\n"
+    "\t-F, Client mode, don't parse function name in calltrace for reduce dump time\n"
+    "\t-p pid, Client mode, Show callstack and stat of all threads in the process\n"
+    "\t-t tid, Client mode, Show callstack and stat for the specified thread\n"
+    "\t-f file, Client mode, Save callstack and stat to specified file, or output to stdout\n"
+    "\t-n nice, server/client runing nice level\n";
+
+const vector<string> no_such_process = {"E Dumper: process map not exist",
+                                        "E DumpServer: Dumpstat init process map failed"};
+
+string text_of(pid_t pid)
+{
+    return std::to_string(pid);
+}
+
+}  // namespace
+
+TEST(client, prints_its_usage)
+{
+    const struct {
+        vector<string> args;
+        vector<string> complaint;
+    } cases[] = {
+        {{}, {}},
+        {{"-h"}, {}},
+        {{"-p", "1", "-h"}, {}},
+        {{"-F", "-f", "/tmp/unused"}, {}},
+        {{"-x"}, {build_dir() + "/dump_server: invalid option -- 'x'"}},
+        {{"-p"}, {build_dir() + "/dump_server: option requires an argument -- 'p'"}},
+        {{"-n", "-5"}, {"E DumpServer: Set nice to -5 failed"}},
+    };
+    for (const auto& c : cases) {
+        const tool_run run = run_tool(c.args);
+        EXPECT_EQ(run.status, 0);
+        EXPECT_EQ(run.out, usage);
+        EXPECT_EQ(log_entries(run.err), c.complaint);
+    }
+    EXPECT_FALSE(std::filesystem::exists("/tmp/unused"));
+}
+
+TEST(client, tells_what_it_cannot_dump)
+{
+    const target program({"odd", "sleeper"});
+    const string pid = text_of(program.pid());
+    const pid_t zombie = fork();
+    if (zombie == 0)
+        _exit(0);
+    siginfo_t info;
+    ASSERT_EQ(waitid(P_PID, static_cast<id_t>(zombie), &info, WEXITED | WNOWAIT), 0);
+    const string process_start = "I DumpServer: Dump_process_stats pid=" + pid;
+    const string process_end = "I DumpServer: Dumpstat dump_process_stats takes:# ms";
+    const vector<string> no_report = {process_start, "E Dumper: Dump memory map failed",
+                                      "E Dumper: Dumper process:" + pid + " failed:-1",
+                                      "E DumpServer: Dumpstat process stats failed", process_end};
+    vector<string> no_file = no_report;
+    no_file.insert(no_file.begin(), "E Dumper: Open dump file failed");
+
+    const struct {
+        vector<string> args;
+        vector<string> log;
+        string out;
+    } cases[] = {
+        {{"-p", "99999999"}, no_such_process, ""},
+        {{"-p", text_of(zombie)}, no_such_process, ""},
+        {{"-p", "2"}, no_such_process, ""},
+        {{"-p", "abc"}, no_such_process, ""},
+        {{"-p", "-5"}, no_such_process, ""},
+        {{"-p", "99999999999"}, no_such_process, ""},
+        {{"-t", "abc"}, no_such_process, ""},
+        {{"-t", "99999999"}, no_such_process, ""},
+        {{"-p", "99999999", "-t", pid}, no_such_process, ""},
+        {{"-p", pid, "-t", "1"},
+         {"I DumpServer: Dump_thread_stats pid=" + pid + ", tid=1",
+          "E Dumper: Tid 1 does not exist in pid " + pid + ". ignoring request",
+          "E Dumper: dump_thread tid:1 not exist", "E Dumper: Dumper thread:1 failed:-3",
+          "E DumpServer: Dumpstat thread stats failed",
+          "I DumpServer: Dumpstat dump_thread_stats takes:# ms"},
+         "=== === === === Dump thread:1 stat === === === ===\n"},
+        {{"-p", pid, "-f", "/tmp/absent/report"}, no_file, ""},
+        {{"-p", pid, "-f", ""}, no_file, ""},
+        {{"-p", pid, "-f", "/dev/full"},
+         {process_start, process_end,
+          "E Dumper: Report is incomplete, write failed: No space left on device"},
+         ""},
+    };
+    for (const auto& c : cases) {
+        const tool_run run = run_tool(c.args);
+        EXPECT_EQ(run.status, 0);
+        EXPECT_EQ(run.out, c.out);
+        EXPECT_EQ(log_entries(run.err), c.log) << run.err;
+        EXPECT_LT(run.ms, 3000);
+        EXPECT_TRUE(program.runs_untraced());
+    }
+    waitpid(zombie, nullptr, 0);
+}
+
+TEST(client, without_privilege_shows_nothing_of_another_user)
+{
+    const target program({"odd", "sleeper"});
+    std::filesystem::copy_file(build_dir() + "/dump_server", "/tmp/dump_server");
+    const tool_run run = run_program({"/tmp/dump_server", "-p", text_of(program.pid())}, [] {
+        if (setgroups(0, nullptr) != 0 || setgid(65534) != 0 || setuid(65534) != 0)
+            _exit(126);
+    });
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.out, "");
+    EXPECT_EQ(log_entries(run.err), vector<string>{"E DumpServer: Dumpstat init process map failed"});
+}
+
+TEST(client, takes_its_options)
+{
+    const target program({"threads", "1"});
+    const string pid = text_of(program.pid());
+    const tool_run fast = run_tool({"-F", "-p", pid});
+    for (const thread_block& thread : parse_process_report(fast.out).blocks) {
+        EXPECT_TRUE(thread.whole) << fast.out;
+        for (const string& frame : thread.frames)
+            EXPECT_EQ(frame.find('('), string::npos) << frame;
+    }
+    std::ofstream("/tmp/report") << string(1 << 20, 'x');
+    const tool_run to_file = run_tool({"-p", pid, "-f", "/tmp/report"});
+    EXPECT_EQ(to_file.out, "");
+    const process_report report = parse_process_report(file_text("/tmp/report"));
+    EXPECT_TRUE(!report.blocks.empty() && report.blocks.back().whole);
+    // A thread's number alone stands for its process too.
+    const pid_t tid = thread_ids(program.pid()).back();
+    const tool_run alone = run_tool({"-t", text_of(tid)});
+    const thread_block block = parse_block(section(alone.out, "Cmdline: ", "\nMemory map:\n"));
+    EXPECT_TRUE(block.whole && block.pid == tid && block.tid == tid) << alone.out;
+}
+
+TEST(client, ends_by_itself_when_its_reader_goes_away)
+{
+    const target program({"threads", "5"});
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    close(ends[0]);
+    const tool_run run = run_tool({"-p", text_of(program.pid())}, [&] { dup2(ends[1], STDOUT_FILENO); });
+    close(ends[1]);
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(count_of(run.err, "E Dumper"), 1U) << run.err;
+    EXPECT_EQ(log_entries(run.err).back(), "E Dumper: Report is incomplete, write failed: Broken pipe");
+    EXPECT_TRUE(program.runs_untraced());
+}
+
+TEST(client, does_not_mix_report_and_log_when_a_standard_stream_is_closed)
+{
+    const target program({"odd", "sleeper"});
+    for (const int closed : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        const tool_run run =
+            run_tool({"-p", text_of(program.pid()), "-f", "/tmp/report"}, [&] { close(closed); });
+        EXPECT_EQ(run.status, 0);
+        const process_report report = parse_process_report(file_text("/tmp/report"));
+        EXPECT_TRUE(report.blocks.size() == 1 && report.blocks[0].whole) << file_text("/tmp/report");
+        EXPECT_EQ(run.err.empty(), closed == STDERR_FILENO);
+    }
+    const tool_run none = run_tool({"-p", text_of(program.pid())}, [] { close(STDOUT_FILENO); });
+    EXPECT_EQ(log_entries(none.err).back(),
+              "E Dumper: Report is incomplete, write failed: Bad file descriptor");
+}

@@ -1,0 +1,154 @@
+// The report's header, process-wide sections and the lines that identify a thread.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <regex>
+
+#include "support/dumper_test.h"
+#include "support/log_capture.h"
+#include "support/mounted_file.h"
+#include "support/target.h"
+#include "system_log.h"
+
+using std::string;
+using std::stringstream;
+using std::vector;
+
+namespace
+{
+// A stat line of the target with the fields behind its name.
+string stat_line(pid_t pid, const string& name, const string& fields)
+{
+    return std::to_string(pid) + " (" + name + ") " + fields + "\n";
+}
+
+//                      state       utime             priority    start       core  policy
+const char* fields_39 =
+    "S 1 2 3 4 5 6 7 8 9 10 111 222 0 0 -51 0 1 0 100 4096 77 0 0 0 0 0 0 0 0 0 0 0 0 0 0 3 0 2";
+
+}  // namespace
+
+class statistics : public testing::Test
+{
+protected:
+    const target sleeper{{"odd", "sleeper"}};
+    const pid_t pid = sleeper.pid();
+};
+
+TEST_F(statistics, show_the_fields_of_the_stat_line)
+{
+    const string line = stat_line(pid, "sleeper", fields_39);
+    const mounted_file stat(task_file(pid, pid, "stat"), line);
+    const mounted_file schedstat(task_file(pid, pid, "schedstat"), "12 34 56\n");
+    stringstream ss;
+    dumper_test job(pid, pid);
+    EXPECT_EQ(job.thread_info(&ss, -1), 0);
+    EXPECT_EQ(job.report(), "");
+    EXPECT_EQ(job.thread_info(nullptr, pid), 0);
+
+    const string head =
+        "Cmdline: " + (build_dir() + "/tests/targets/odd").substr(0, 64) + "\npid: " + std::to_string(pid) +
+        ", tid: " + std::to_string(pid) + ", process: sleeper, thread: sleeper\nThread stat:" + line +
+        "Core=3, utime=111, stime=222, priority=-51, policy=2, vsize=4096, rss=77, state=S, current=";
+    for (const string& text : {ss.str(), job.report()}) {
+        ASSERT_TRUE(text.starts_with(head)) << text;
+        std::smatch times;
+        const string rest = text.substr(head.size());
+        ASSERT_TRUE(std::regex_match(
+            rest, times, std::regex(R"((\d+\.\d{6}), uptime=(\d+\.\d{6}), schedstat=<12 34 56>\n)")))
+            << rest;
+        EXPECT_NEAR(stod(times[1]) - stod(times[2]), 100.0 / static_cast<double>(sysconf(_SC_CLK_TCK)), 2e-6);
+        EXPECT_NEAR(stod(times[1]), stod(file_text("/proc/uptime")), 10);
+    }
+}
+
+TEST_F(statistics, survive_any_process_name_and_any_stat_line)
+{
+    const struct {
+        string line;
+        int result;
+        vector<string> first_fields;
+    } cases[] = {
+        {stat_line(pid, "a b  c", "R 1"), 0, {"R", "1"}},
+        {stat_line(pid, "a) Z (b", "R 1"), 0, {"Z", "(b)", "R", "1"}},  // split behind the first ")"
+        {stat_line(pid, "a\nb", "R  1   2 "), 0, {"R", "1", "2"}},
+        {std::to_string(pid) + " (open S 1 2\n", -3, {}},
+        {std::to_string(pid) + " (sleeper)\n", -3, {}},
+        {std::to_string(pid) + " (sleeper) \n", -3, {}},
+    };
+    for (const auto& c : cases) {
+        const mounted_file stat(task_file(pid, pid, "stat"), c.line);
+        dumper_test job(pid, pid);
+        vector<string> fields = {"kept"};
+        EXPECT_EQ(job.stat_line(pid, fields), c.result) << c.line;
+        vector<string> expected = {"kept"};
+        expected.insert(expected.end(), c.first_fields.begin(), c.first_fields.end());
+        EXPECT_EQ(fields, expected);
+        // All these have too few fields: the raw line is the last that is written.
+        stringstream ss;
+        EXPECT_EQ(job.thread_info(&ss, pid), -3);
+        EXPECT_TRUE(ss.str().ends_with("\nThread stat:" + c.line)) << ss.str();
+    }
+}
+
+TEST_F(statistics, name_what_cannot_be_read)
+{
+    dumper_test gone(0, 7);
+    EXPECT_EQ(gone.thread_info(nullptr, -1), -3);
+    EXPECT_EQ(gone.report(), "Cmdline: <unknown>\npid: 0, tid: 7, process: <unknown>, thread: <unknown>\n");
+    EXPECT_EQ(
+        log_as_text(),
+        "6 Dumper: get_process_cmdline failed, pid=0\n6 Dumper: get_process_name failed, pid=0\n"
+        "6 Dumper: get_thread_name failed, pid=0, tid=7\n6 Dumper: get_process_stat failed, pid=0, tid=7\n");
+    clear_log();
+    const mounted_file schedstat(task_file(pid, pid, "schedstat"), "");
+    stringstream ss;
+    dumper_test job(pid, pid);
+    EXPECT_EQ(job.thread_info(&ss, pid), -3);
+    EXPECT_THAT(ss.str(), testing::HasSubstr("\nThread stat:"));
+    EXPECT_EQ(ss.str().find("Core="), string::npos);
+    EXPECT_EQ(log_as_text(), "");
+}
+
+TEST_F(statistics, head_the_report_with_what_the_system_says)
+{
+    const mounted_file uptime("/proc/uptime", "12.34 56.78\n");
+    const mounted_file stat("/proc/stat", string(50, 'c') + "\n" + string(3000, 's') + "\n");
+    const string kernel = file_text("/proc/version");
+    const string version = file_text("/etc/version");
+    dumper_test job(pid, pid);
+    job.header_info();
+    const string header = job.report();
+    EXPECT_TRUE(std::regex_search(
+        header,
+        std::regex(
+            R"(^Uptime: 12.34 56.78\nTimestamp: \d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{9}\nSys version: )")))
+        << header;
+    EXPECT_TRUE(header.ends_with("\nSys version: " + version.substr(0, version.size() - !version.empty()) +
+                                 "\nKernel version: " + kernel))
+        << header;
+    job.process_info();
+    const string sections = job.report().substr(header.size());
+    EXPECT_TRUE(sections.starts_with("\nMemoryinfo:\n  MemTotal:")) << sections;
+    const string system = section(sections, "\nSys Stat:\n", "\nnone");
+    EXPECT_EQ(system.size(), 2046U);
+    EXPECT_TRUE(system.starts_with("\nSys Stat:\n  " + string(50, 'c') + "\n  sss"));
+}
+
+TEST(open_files, are_listed_with_64_characters_of_their_names)
+{
+    const string name = "/tmp/" + string(100, 'n');
+    const int fd = open(name.c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0600);
+    dumper_test job(getpid(), -1);
+    EXPECT_EQ(job.opened_file(), 0);
+    const string text = job.report();
+    EXPECT_TRUE(text.starts_with("\nOpen files:\n    fd ")) << text;
+    EXPECT_THAT(text,
+                testing::HasSubstr("\n    fd " + std::to_string(fd) + ": " + name.substr(0, 64) + "\n"));
+    close(fd);
+    dumper_test gone(0, -1);
+    EXPECT_EQ(gone.opened_file(), -2);
+    EXPECT_EQ(gone.report(), "\nOpen files:\n");
+}

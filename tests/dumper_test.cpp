@@ -1,0 +1,83 @@
+// The dump job and its report.
+#include "support/dumper_test.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "support/log_capture.h"
+#include "system_log.h"
+
+using std::string;
+using std::stringstream;
+
+TEST(report, cuts_a_text_at_2046_characters_wherever_it_goes)
+{
+    const string cut(2046, 'x');
+    for (const size_t length : {10U, 2045U, 2046U, 2047U, 3000U}) {
+        clear_log();
+        dumper_test job(1, 1, 0);
+        const string text(length, 'x');
+        const string expected = text.substr(0, 2046);
+        stringstream ss;
+        EXPECT_EQ(job.to_stream(ss, true, text), static_cast<int>(length));
+        EXPECT_EQ(ss.str(), expected);
+        EXPECT_EQ(job.report(), "");
+        EXPECT_EQ(job.to_report(true, text), static_cast<int>(expected.size()));
+        EXPECT_EQ(job.report(), expected);
+        ASSERT_EQ(logged().size(), 2U);
+        for (const log_entry& entry : logged())
+            EXPECT_TRUE(entry.prio == ANDROID_LOG_INFO && entry.tag == "Dumper" && entry.text == expected);
+    }
+}
+
+TEST(report, is_copied_to_the_system_log_only_when_asked_and_not_silent)
+{
+    for (const int mode : {0, int{SILENT}, int{FUNC_PARSE}, SILENT | FUNC_PARSE})
+        for (const bool tomerx : {false, true}) {
+            clear_log();
+            dumper_test job(1, 1, mode);
+            stringstream ss;
+            job.to_report(tomerx, "100 %s\n");
+            job.to_stream(ss, tomerx, "100 %s\n");
+            EXPECT_EQ(job.report() + ss.str(), "100 %s\n100 %s\n");
+            EXPECT_EQ(logged().size(), tomerx && !(mode & SILENT) ? 2U : 0U) << mode << tomerx;
+        }
+}
+
+TEST(report, that_cannot_be_opened_is_no_report)
+{
+    stringstream ss;
+    {
+        dumper_test without(1, 1, 0, "/tmp/absent/report");
+        EXPECT_EQ(without.job.fdump, nullptr);
+        EXPECT_EQ(without.to_report(true, "dropped"), 0);
+        EXPECT_EQ(without.to_stream(ss, false, "kept"), 4);
+    }
+    EXPECT_EQ(ss.str(), "kept");
+    ASSERT_EQ(logged().size(), 1U) << log_as_text();
+    EXPECT_TRUE(was_logged(ANDROID_LOG_ERROR, "Open dump file failed\n"));
+}
+
+TEST(report, that_cannot_be_written_is_logged_once)
+{
+    {
+        dumper_test full(1, 1, SILENT, "/dev/full");
+        for (int i = 0; i < 1000; i++)
+            full.to_report(false, string(2000, 'x'));  // more than its buffer holds
+    }
+    ASSERT_EQ(logged().size(), 1U) << log_as_text();
+    EXPECT_TRUE(
+        was_logged(ANDROID_LOG_ERROR, "Report is incomplete, write failed: No space left on device\n"));
+}
+
+TEST(report, truncates_its_file_and_does_not_reach_other_programs)
+{
+    {
+        dumper_test(1, 1).to_report(false, "a long line of an earlier report\n");
+    }
+    dumper_test job(1, 1);
+    job.to_report(false, "new\n");
+    EXPECT_EQ(job.report(), "new\n");
+    EXPECT_NE(fcntl(fileno(job.job.fdump), F_GETFD) & FD_CLOEXEC, 0);
+}
