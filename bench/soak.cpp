@@ -251,18 +251,23 @@ void killed_requesters(const server& daemon, const target& idle)
     printf("requesters killed: %d\n", times);
 }
 
-// The server's wait for the end of a process is bounded: a healthy one, and one that swallows its signal.
+// The server's waits are bounded: for the end of a healthy process and of one that swallows its signal, and
+// for the crash of one that is stopped again and again.
 void survivors(const server& daemon, const target& idle)
 {
-    for (const int signo : {0, SIGSEGV}) {
+    for (const int signo : {0, SIGSEGV, SIGSTOP}) {
         const target survivor({"threads", "3"});
         const connection link;
         link.send_request(make_request(CMD_CRASH_DUMP, survivor.pid(), survivor.pid(), "/tmp"));
         expect(link.acknowledgement() == 0, "a survivor is not acknowledged");
         const timeval start = now();
-        if (signo != 0)
-            kill(survivor.pid(), signo);
         link.end_requests();
+        if (signo != 0)
+            tgkill(survivor.pid(), survivor.pid(), signo);  // a thread that is not traced would die of it
+        if (signo == SIGSTOP)
+            while (!link.closed_by_server(1) && elapsed_ms(start, now()) < 15000)
+                tgkill(survivor.pid(), survivor.pid(), signo);
+        kill(survivor.pid(), SIGCONT);
         expect(link.closed_by_server(30000), "a survivor locks the server");
         printf("survivor of signal %d: %.1f s\n", signo, elapsed_ms(start, now()) / 1000);
         expect(daemon.logs("Process " + to_string(survivor.pid()) + " lives on"),

@@ -20,7 +20,8 @@ using std::stringstream;
 namespace
 {
 constexpr int death_poll_us = 10000;
-constexpr int death_limit_us = 10000000;  // a survivor must not lock the server for ever
+constexpr int death_limit_us = 10000000;  // a survivor must not lock the server for ever,
+constexpr time_t follow_limit_s = 10;     // nor a thread that is stopped again and again
 
 bool is_crash_signal(int signal)
 {
@@ -50,7 +51,9 @@ int dumper::dump_process_crash()
     bool detach_failed = false;
     int ret = -1;
     int signal = 0;
-    while ((signal = wait_for_sigstop(&detach_failed, -1)) == SIGSTOP) {
+    const time_t start = time(nullptr);
+    while ((signal = wait_for_sigstop(&detach_failed, -1)) == SIGSTOP &&
+           time(nullptr) - start < follow_limit_s) {
         ret = static_cast<int>(ptrace(PTRACE_CONT, tid, 0, 0));
         if (ret != 0)
             __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Ptrace continue failed: %s\n", strerror(errno));
