@@ -222,6 +222,7 @@ void killed_targets(const server& daemon, const target& idle)
         mid_request += running;
         expect(victim.wait_for_end() != -1, "the parent of a killed target waits for ever");
         link.end_requests();
+        link.acknowledgement();  // there is none when it was killed early
         expect(link.closed_by_server(30000), "a request for a killed target does not end");
         std::filesystem::remove_all(dir);
     }
