@@ -111,8 +111,11 @@ int dumper::write_backtrace(stringstream* ss, thread_snapshot& snapshot)
         char sym_raw[512];
         unw_word_t off = 0;
         if ((dump_mode & FUNC_PARSE) && unw_get_proc_name(&cursor, sym_raw, sizeof(sym_raw), &off) == 0) {
+            // Names that are not mangled stay as they are: the demangler takes `f` for the type float.
             int status = 0;
-            const demangled_name demangled(abi::__cxa_demangle(sym_raw, nullptr, nullptr, &status));
+            const bool mangled = strncmp(sym_raw, "_Z", 2) == 0;
+            const demangled_name demangled(mangled ? abi::__cxa_demangle(sym_raw, nullptr, nullptr, &status)
+                                                   : nullptr);
             write_text(ss, true, "#%2d pc 0x%lx  %s (%s + 0x%lx)\n", level, pc, module,
                        demangled ? demangled.get() : sym_raw, off);
         } else {

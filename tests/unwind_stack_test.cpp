@@ -3,7 +3,13 @@
 #include <elf.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -110,7 +116,7 @@ public:
     Elf64_Ehdr header;
 };
 
-const vector<string> plain_chain = {"wait_here", "inner", "outer", "main"};
+const vector<string> plain_chain = {"wait_here", "inner", "f", "outer", "main"};
 
 }  // namespace
 
@@ -239,6 +245,38 @@ TEST(stack, short_form_names_nothing)
     const vector<frame> frames = frames_of(run_tool({"-F", "-p", std::to_string(child.pid())}).out);
     EXPECT_GE(frames.size(), plain_chain.size() + 2);
     EXPECT_THAT(functions_of(frames), testing::Each(""));
+}
+
+// Answers process_vm_readv with EPERM, as a container's filter does.
+void refuse_process_vm_readv()
+{
+    sock_filter filter[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_process_vm_readv, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    const sock_fprog program = {std::size(filter), filter};
+    prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
+    if (prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0)
+        _exit(126);
+}
+
+TEST(stack, is_whole_by_whatever_way_memory_can_be_read)
+{
+    const target child({"stacks", "plain"});
+    const vector<string> args = {"-p", std::to_string(child.pid())};
+    const string mem = "/proc/" + args[1] + "/mem";
+    const vector<frame> by_file = frames_of(run_tool(args, refuse_process_vm_readv).out);
+    EXPECT_TRUE(has_chain(functions_of(by_file), plain_chain)) << text_of(by_file);
+    const tool_run by_ptrace = run_tool(args, [&mem] {
+        if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount("/dev/null", mem.c_str(), nullptr, MS_BIND, nullptr) != 0)
+            _exit(126);
+        refuse_process_vm_readv();
+    });
+    const vector<frame> peeked = frames_of(by_ptrace.out);
+    EXPECT_TRUE(has_chain(functions_of(peeked), plain_chain)) << text_of(peeked) << by_ptrace.err;
 }
 
 // Damage that aborts, loops or crashes an unwinder that believes it.

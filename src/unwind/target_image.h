@@ -92,6 +92,7 @@ private:
     const unwind_rule* guess_rule(uint64_t pc);
     bool plausible_return(uint64_t address);
     bool at_function_edge(uint64_t pc);
+    pid_t held_tid() const { return mode_ == mode::held ? thread_.tid() : 0; }
     uint64_t frame_register(unw_regnum_t number);
 
     target_image& image_;

@@ -64,7 +64,10 @@ size_t target_memory::read(uint64_t address, void* to, size_t size, pid_t held_t
     const ssize_t from_file = mem_fd_ >= 0 ? pread(mem_fd_, to, size, static_cast<off_t>(address)) : -1;
     if (from_file > 0)
         return static_cast<size_t>(from_file);
-    return held_tid != 0 ? peek(held_tid, address, static_cast<uint8_t*>(to), size) : 0;
+    if (held_tid == 0)
+        return 0;
+    needs_ptrace_ = true;
+    return peek(held_tid, address, static_cast<uint8_t*>(to), size);
 }
 
 bool target_memory::read_constant(uint64_t address, void* to, size_t size, pid_t held_tid)

@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -28,6 +29,9 @@ public:
     // The same through the pages kept for the dump: for memory that does not change. All or nothing.
     bool read_constant(uint64_t address, void* to, size_t size, pid_t held_tid = 0);
 
+    // True once memory came through ptrace: then nothing can be read any more when no thread is held.
+    bool needs_ptrace() const { return needs_ptrace_; }
+
     static constexpr size_t page_bytes = 4096;
 
 private:
@@ -35,6 +39,7 @@ private:
 
     const pid_t tid_;
     const int mem_fd_;
+    std::atomic<bool> needs_ptrace_ = false;
     std::mutex lock_;
     std::unordered_map<uint64_t, std::unique_ptr<page>> pages_;
 };

@@ -62,7 +62,7 @@ bool thread_snapshot::take(target_image& image, pid_t tid)
     has_registers_ = machine::read_registers(tid, registers_);
     if (!has_registers_)
         return false;
-    if (!copy_stack(image))
+    if (!copy_stack(image) || image.memory().needs_ptrace())
         collect_pages(image, *this);
     return true;
 }

@@ -161,12 +161,11 @@ bool unwind_walk::read_word(uint64_t address, uint64_t& value)
         return true;
     }
     const mapping_range range = image_.maps().find(address);
-    const pid_t held_tid = mode_ == mode::held ? thread_.tid() : 0;
     if (range && !range.writable) {
-        if (image_.memory().read_constant(address, &value, sizeof(value), held_tid))
+        if (image_.memory().read_constant(address, &value, sizeof(value), held_tid()))
             return true;
     } else if (range.executable) {  // code being written while it runs: nothing but code is read there
-        if (image_.memory().read(address, &value, sizeof(value), held_tid) == sizeof(value))
+        if (image_.memory().read(address, &value, sizeof(value), held_tid()) == sizeof(value))
             return true;
     } else if (mode_ == mode::held && thread_.copy_page(image_.memory(), address)) {
         if (thread_.read_word(address, value)) {
@@ -189,8 +188,7 @@ bool unwind_walk::reached_code()
 
 const unwind_rule* unwind_walk::find_rule(uint64_t pc)
 {
-    const pid_t held_tid = mode_ == mode::held ? thread_.tid() : 0;
-    if (const unwind_rule* rule = image_.find_rule(pc, held_tid))
+    if (const unwind_rule* rule = image_.find_rule(pc, held_tid()))
         return rule;
     return guess_rule(pc);
 }
@@ -200,7 +198,7 @@ bool unwind_walk::plausible_return(uint64_t address)
     address = strip_signature(address);
     std::array<uint8_t, machine::call_code_bytes> code;
     return image_.maps().executable(address) &&
-           image_.memory().read(address - code.size(), code.data(), code.size()) == code.size() &&
+           image_.memory().read(address - code.size(), code.data(), code.size(), held_tid()) == code.size() &&
            machine::follows_call(code);
 }
 
@@ -209,7 +207,8 @@ bool unwind_walk::at_function_edge(uint64_t pc)
     if (!image_.maps().executable(pc))
         return true;  // a call through a wrong pointer: nothing has run there
     std::array<uint8_t, machine::edge_code_bytes> code{};
-    return image_.memory().read(pc, code.data(), code.size()) > 0 && machine::at_function_edge(code);
+    return image_.memory().read(pc, code.data(), code.size(), held_tid()) > 0 &&
+           machine::at_function_edge(code);
 }
 
 // Code without tables: jitted, hand-written, or none at all. Follows the frame record, or the return address

@@ -31,9 +31,16 @@ void inner(void)
     sink++;
 }
 
-void outer(void)
+// Its name is a type to the C++ demangler.
+void f(void)
 {
     inner();
+    sink++;
+}
+
+void outer(void)
+{
+    f();
     sink++;
 }
 
