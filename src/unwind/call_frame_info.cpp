@@ -11,9 +11,8 @@
 namespace
 {
 
-constexpr uint64_t max_entry_bytes = 256 * 1024;  // the longest seen are some 10 KiB
-constexpr size_t max_index_entries =
-    4 * 1000 * 1000;  // the biggest programs known have about a million functions
+constexpr uint64_t max_entry_bytes = uint64_t{256} * 1024;  // the longest seen are some 10 KiB
+constexpr size_t max_index_entries = 4'000'000;  // the biggest programs known have about a million functions
 
 struct entry_header {
     uint64_t body = 0;    // where the byte after the length is

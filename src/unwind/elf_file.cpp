@@ -210,7 +210,8 @@ std::unique_ptr<elf_file> open_debug_file(pid_t tid, const std::string& build_id
             name += '/';
     }
     name += ".debug";
-    for (const std::string& path : {"/proc/" + std::to_string(tid) + "/root" + name, name}) {
+    const std::string places[] = {"/proc/" + std::to_string(tid) + "/root" + name, name};
+    for (const std::string& path : places) {
         auto found = open_elf(path);
         if (found && found->build_id() == build_id && found->find_section(SHT_SYMTAB) != nullptr)
             return found;

@@ -56,13 +56,13 @@ const frame_index_entry* find_entry(const std::vector<frame_index_entry>& index,
 
 }  // namespace
 
-bool module::holds(uint64_t pc) const
+bool elf_module::holds(uint64_t pc) const
 {
     return std::any_of(segments.begin(), segments.end(),
                        [pc](const segment& s) { return pc >= s.start && pc < s.end; });
 }
 
-module* module_table::find(uint64_t pc, pid_t held_tid)
+elf_module* module_table::find(uint64_t pc, pid_t held_tid)
 {
     for (const auto& known : modules_) {
         if (known->holds(pc))
@@ -84,7 +84,7 @@ module* module_table::find(uint64_t pc, pid_t held_tid)
     return nullptr;
 }
 
-std::unique_ptr<module> module_table::read_module(const mapping& header, pid_t held_tid)
+std::unique_ptr<elf_module> module_table::read_module(const mapping& header, pid_t held_tid)
 {
     Elf64_Ehdr file;
     if (!header.readable || !memory_.read_constant(header.start, &file, sizeof(file), held_tid))
@@ -102,7 +102,7 @@ std::unique_ptr<module> module_table::read_module(const mapping& header, pid_t h
         std::find_if(headers.begin(), headers.end(), [](const auto& h) { return h.p_type == PT_LOAD; });
     if (first == headers.end())
         return nullptr;
-    auto found = std::make_unique<module>();
+    auto found = std::make_unique<elf_module>();
     found->header = header;
     // The header's mapping shows the file from header.file_offset on; the first segment is the one that holds
     // the ELF header.
@@ -133,7 +133,8 @@ std::unique_ptr<module> module_table::read_module(const mapping& header, pid_t h
 
 // Takes the table over only when it has the one form that linkers write and lies wholly in the module:
 // everything else is indexed from the section itself.
-void module_table::read_search_table(module& owner, uint64_t header_at, uint64_t header_bytes, pid_t held_tid)
+void module_table::read_search_table(elf_module& owner, uint64_t header_at, uint64_t header_bytes,
+                                     pid_t held_tid)
 {
     constexpr size_t fixed_bytes = 12;  // version, three encodings, pointer to .eh_frame, number of rows
     uint8_t bytes[fixed_bytes];
@@ -154,7 +155,7 @@ void module_table::read_search_table(module& owner, uint64_t header_at, uint64_t
     owner.table_rows = rows;
 }
 
-std::optional<uint64_t> module_table::search(const module& owner, uint64_t pc, pid_t held_tid)
+std::optional<uint64_t> module_table::search(const elf_module& owner, uint64_t pc, pid_t held_tid)
 {
     const auto offset = static_cast<int64_t>(pc - owner.table_base);
     int32_t row[2];
@@ -183,7 +184,7 @@ frame_section module_table::loaded_frames(pid_t held_tid)
             }};
 }
 
-frame_section module_table::debug_frames(const module& owner)
+frame_section module_table::debug_frames(const elf_module& owner)
 {
     return {true, owner.load_bias, [&bytes = owner.debug_frame](uint64_t at, void* to, size_t size) {
                 if (at > bytes.size() || size > bytes.size() - at)
@@ -193,7 +194,7 @@ frame_section module_table::debug_frames(const module& owner)
             }};
 }
 
-void module_table::index_frames(module& owner, pid_t held_tid)
+void module_table::index_frames(elf_module& owner, pid_t held_tid)
 {
     owner.indexed = true;
     const auto file = open_mapped_file(tid_, owner.header, owner.build_id);
@@ -218,7 +219,7 @@ void module_table::index_frames(module& owner, pid_t held_tid)
     owner.frame_index = index_frame_section(copy, at, section->size);
 }
 
-void module_table::read_debug_frame(module& owner)
+void module_table::read_debug_frame(elf_module& owner)
 {
     owner.debug_frame_read = true;
     const auto file = open_mapped_file(tid_, owner.header, owner.build_id);
@@ -230,7 +231,7 @@ void module_table::read_debug_frame(module& owner)
 
 std::optional<frame_entry> module_table::find_frame_entry(uint64_t pc, pid_t held_tid)
 {
-    module* owner = find(pc, held_tid);
+    elf_module* owner = find(pc, held_tid);
     if (owner == nullptr)
         return std::nullopt;
     const auto covers = [pc](const std::optional<frame_entry>& entry) {

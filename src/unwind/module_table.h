@@ -12,7 +12,7 @@
 #include "target_maps.h"
 #include "target_memory.h"
 
-struct module {
+struct elf_module {
     uint64_t load_bias = 0;  // address in the target less address in the file
     uint64_t start = 0;      // of the first loaded segment, aligned as the file asks
     uint64_t end = 0;
@@ -48,22 +48,22 @@ public:
     }
 
     // The module whose loaded segments hold pc, or null.
-    module* find(uint64_t pc, pid_t held_tid);
+    elf_module* find(uint64_t pc, pid_t held_tid);
 
     // What the tables say of pc. Nothing where they are silent or damaged.
     std::optional<frame_entry> find_frame_entry(uint64_t pc, pid_t held_tid);
 
 private:
-    std::unique_ptr<module> read_module(const mapping& header, pid_t held_tid);
-    void read_search_table(module& owner, uint64_t header_at, uint64_t header_bytes, pid_t held_tid);
-    std::optional<uint64_t> search(const module& owner, uint64_t pc, pid_t held_tid);
-    void index_frames(module& owner, pid_t held_tid);
-    void read_debug_frame(module& owner);
+    std::unique_ptr<elf_module> read_module(const mapping& header, pid_t held_tid);
+    void read_search_table(elf_module& owner, uint64_t header_at, uint64_t header_bytes, pid_t held_tid);
+    std::optional<uint64_t> search(const elf_module& owner, uint64_t pc, pid_t held_tid);
+    void index_frames(elf_module& owner, pid_t held_tid);
+    void read_debug_frame(elf_module& owner);
     frame_section loaded_frames(pid_t held_tid);
-    static frame_section debug_frames(const module& owner);
+    static frame_section debug_frames(const elf_module& owner);
 
     const pid_t tid_;
     target_maps& maps_;
     target_memory& memory_;
-    std::vector<std::unique_ptr<module>> modules_;
+    std::vector<std::unique_ptr<elf_module>> modules_;
 };

@@ -12,7 +12,7 @@ const symbol_name* symbol_names::find_known(uint64_t pc) const
     return found != names_.end() ? &found->second : nullptr;
 }
 
-std::unique_ptr<symbol_table> symbol_names::load(const module& owner)
+std::unique_ptr<symbol_table> symbol_names::load(const elf_module& owner)
 {
     auto file = std::make_unique<elf_file>();
     if (owner.header.path == "[vdso]") {  // has no file: the loaded image is whole
@@ -31,7 +31,7 @@ std::unique_ptr<symbol_table> symbol_names::load(const module& owner)
     return std::make_unique<symbol_table>(std::move(file));
 }
 
-const symbol_name* symbol_names::find(uint64_t pc, const module* owner)
+const symbol_name* symbol_names::find(uint64_t pc, const elf_module* owner)
 {
     std::lock_guard load_guard(load_lock_);
     if (const symbol_name* known = find_known(pc))

@@ -23,15 +23,15 @@ public:
     const symbol_name* find_known(uint64_t pc) const;
 
     // Looks pc up in its module (null: no module).
-    const symbol_name* find(uint64_t pc, const module* owner);
+    const symbol_name* find(uint64_t pc, const elf_module* owner);
 
 private:
-    std::unique_ptr<symbol_table> load(const module& owner);
+    std::unique_ptr<symbol_table> load(const elf_module& owner);
 
     const pid_t tid_;
     target_memory& memory_;
     std::mutex load_lock_;
-    std::unordered_map<const module*, std::unique_ptr<symbol_table>> tables_;
+    std::unordered_map<const elf_module*, std::unique_ptr<symbol_table>> tables_;
     mutable std::shared_mutex names_lock_;
     std::unordered_map<uint64_t, symbol_name> names_;
 };

@@ -72,7 +72,7 @@ const symbol_name& target_image::find_name(uint64_t pc)
 {
     if (const symbol_name* known = names_.find_known(pc))
         return *known;
-    const module* owner;
+    const elf_module* owner;
     {
         std::lock_guard guard(modules_lock_);
         owner = modules_.find(pc, 0);

@@ -94,6 +94,7 @@ private:
     bool at_function_edge(uint64_t pc);
     pid_t held_tid() const { return mode_ == mode::held ? thread_.tid() : 0; }
     uint64_t frame_register(unw_regnum_t number);
+    uint64_t frame_link_register();
 
     target_image& image_;
     thread_snapshot& thread_;

@@ -12,7 +12,7 @@ namespace
 
 // Copies usually end sooner, at the end of the stack's mapping. What lies beyond is copied as a walk meets
 // it.
-constexpr size_t max_copy_bytes = 256 * 1024;
+constexpr size_t max_copy_bytes = size_t{256} * 1024;
 
 // Walks the stack of a held thread, so that every page that the later walk needs is in the snapshot.
 void collect_pages(target_image& image, thread_snapshot& thread)

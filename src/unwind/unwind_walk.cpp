@@ -137,6 +137,20 @@ uint64_t unwind_walk::frame_register(unw_regnum_t number)
     return unw_get_reg(&cursor_, number, &value) == 0 ? value : 0;
 }
 
+// Not through unw_get_reg: on aarch64 it takes the link register's number for a question about the pc.
+uint64_t unwind_walk::frame_link_register()
+{
+    unw_save_loc_t place;
+    if (unw_get_save_loc(&cursor_, machine::link_register, &place) != 0)
+        return 0;
+    uint64_t value = 0;
+    if (place.type == UNW_SLT_MEMORY)
+        return read_word(place.u.addr, value) ? value : 0;
+    if (place.type == UNW_SLT_REG && place.u.regnum >= 0 && place.u.regnum < machine::register_count)
+        return thread_.registers()->word[static_cast<size_t>(place.u.regnum)];
+    return 0;
+}
+
 // A signature sits in the unused high bits of a return address. Other words have bits there, too, so only
 // what turns into an address of code is taken for one.
 uint64_t unwind_walk::strip_signature(uint64_t value) const
@@ -220,7 +234,7 @@ const unwind_rule* unwind_walk::guess_rule(uint64_t pc)
     if (pc == frame_register(UNW_REG_IP) && at_function_edge(pc)) {  // interrupted, not calling
         const uint64_t slot = machine::return_address_slot(pointer);
         if (slot == 0) {
-            return_address = frame_register(machine::link_register);
+            return_address = frame_link_register();
         } else if (!read_word(slot, return_address)) {
             return nullptr;
         }
