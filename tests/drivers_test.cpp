@@ -220,7 +220,8 @@ TEST(process_dump, survives_a_target_that_replaces_itself_all_the_time)
     for (const char* mode : {"lead", "thread"}) {
         target program({"execs", mode});
         for (int i = 0; i < 30; i++) {
-            run_tool({"-p", number(program.pid())});
+            const tool_run run = run_tool({"-p", number(program.pid())});
+            EXPECT_EQ(run.status, 0) << run.err;
             ASSERT_EQ(waitpid(program.pid(), nullptr, WNOHANG), 0) << mode << " killed by dump " << i;
         }
         EXPECT_TRUE(program.runs_untraced()) << mode;
