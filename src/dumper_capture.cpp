@@ -122,7 +122,7 @@ int dumper::write_backtrace(stringstream* ss, thread_snapshot& snapshot)
             write_text(ss, true, "#%2d pc 0x%lx %s\n", level, pc, module);
         }
         level++;
-    } while (level < unwind_walk::max_frames && unw_step(&cursor) > 0 && walk.reached_code());
+    } while (level < unwind_walk::max_frames && walk.step());
     return 0;
 }
 

@@ -6,7 +6,7 @@
 //   thread.take(image, tid);                    while it is held, by the thread that holds it
 //   unwind_walk walk(image, thread, cursor);    after the release
 //   unw_init_remote(&cursor, space, context);   space made with unwind_accessors()
-//   do { … } while (unw_step(&cursor) > 0 && walk.reached_code());
+//   do { … } while (walk.step());
 #pragma once
 
 #include <libunwind-ptrace.h>
@@ -79,13 +79,16 @@ public:
     unwind_walk(const unwind_walk&) = delete;
     unwind_walk& operator=(const unwind_walk&) = delete;
 
-    // After unw_step: true when the frame that it reached is in code. Only what a signal interrupted may be
-    // anywhere, a call through a null pointer for one.
-    bool reached_code();
+    // Moves the cursor to the caller. False at the end of the stack.
+    bool step();
 
 private:
     friend struct walk_accessors;
 
+    bool reached_code();
+    bool stopped_at_null_frame_pointer();
+    uint64_t link_register();
+    uint64_t held_register(unw_regnum_t number) const;
     bool read_word(uint64_t address, uint64_t& value);
     uint64_t strip_signature(uint64_t value) const;
     const unwind_rule* find_rule(uint64_t pc);
@@ -94,7 +97,6 @@ private:
     bool at_function_edge(uint64_t pc);
     pid_t held_tid() const { return mode_ == mode::held ? thread_.tid() : 0; }
     uint64_t frame_register(unw_regnum_t number);
-    uint64_t frame_link_register();
 
     target_image& image_;
     thread_snapshot& thread_;

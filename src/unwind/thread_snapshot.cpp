@@ -23,8 +23,7 @@ void collect_pages(target_image& image, thread_snapshot& thread)
         unw_cursor_t cursor;
         unwind_walk walk(image, thread, cursor, unwind_walk::mode::held);
         if (unw_init_remote(&cursor, space, context) == 0) {
-            for (int level = 1;
-                 level < unwind_walk::max_frames && unw_step(&cursor) > 0 && walk.reached_code();)
+            for (int level = 1; level < unwind_walk::max_frames && walk.step();)
                 level++;
         }
         _UPT_destroy(context);

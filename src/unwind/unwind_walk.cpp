@@ -69,10 +69,9 @@ struct walk_accessors {
         if (write != 0 || number < 0 || number >= machine::register_count)
             return -UNW_EBADREG;
         const unwind_walk& walk = *current_walk;
-        const machine_registers* registers = walk.thread_.registers();
-        if (registers == nullptr)
+        if (walk.thread_.registers() == nullptr)
             return -UNW_EBADREG;
-        *value = walk.strip_signature(registers->word[static_cast<size_t>(number)]);
+        *value = walk.held_register(number);
         return 0;
     }
 
@@ -137,18 +136,23 @@ uint64_t unwind_walk::frame_register(unw_regnum_t number)
     return unw_get_reg(&cursor_, number, &value) == 0 ? value : 0;
 }
 
-// Not through unw_get_reg: on aarch64 it takes the link register's number for a question about the pc.
-uint64_t unwind_walk::frame_link_register()
+uint64_t unwind_walk::held_register(unw_regnum_t number) const
 {
-    unw_save_loc_t place;
-    if (unw_get_save_loc(&cursor_, machine::link_register, &place) != 0)
-        return 0;
+    const machine_registers* registers = thread_.registers();
+    return registers != nullptr ? strip_signature(registers->word[static_cast<size_t>(number)]) : 0;
+}
+
+// The frame's own; libunwind gives the pc for that register number. 0 where the machine has none, or when its
+// value is lost.
+uint64_t unwind_walk::link_register()
+{
+    unw_save_loc_t place{};
     uint64_t value = 0;
-    if (place.type == UNW_SLT_MEMORY)
-        return read_word(place.u.addr, value) ? value : 0;
-    if (place.type == UNW_SLT_REG && place.u.regnum >= 0 && place.u.regnum < machine::register_count)
-        return thread_.registers()->word[static_cast<size_t>(place.u.regnum)];
-    return 0;
+    if (machine::link_register < 0 || unw_get_save_loc(&cursor_, machine::link_register, &place) != 0)
+        return 0;
+    if (place.type == UNW_SLT_REG)
+        return held_register(place.u.regnum);
+    return place.type == UNW_SLT_MEMORY && read_word(place.u.addr, value) ? value : 0;
 }
 
 // A signature sits in the unused high bits of a return address. Other words have bits there, too, so only
@@ -192,6 +196,27 @@ bool unwind_walk::read_word(uint64_t address, uint64_t& value)
     return address == frame_register(UNW_REG_IP);
 }
 
+bool unwind_walk::step()
+{
+    const int stepped = unw_step(&cursor_);
+    return (stepped > 0 || (stepped == 0 && stopped_at_null_frame_pointer())) && reached_code();
+}
+
+// libunwind 1.8 takes a zero in the caller's x29 for the end of the stack: it has found the caller's
+// registers by then and drops them. But _start and a thread's first function are such callers, and so is all
+// code that uses x29 for something else. Where a stack ends is said by the tables: there is no return address
+// then.
+bool unwind_walk::stopped_at_null_frame_pointer()
+{
+    const uint64_t caller = link_register();
+    if (caller == 0)
+        return false;
+    // The cursor keeps the address before it tries, in vain, to write it to the target.
+    unw_set_reg(&cursor_, UNW_REG_IP, caller);
+    return frame_register(UNW_REG_IP) == caller;
+}
+
+// Only what a signal interrupted may be anywhere, a call through a null pointer for one.
 bool unwind_walk::reached_code()
 {
     const bool after_signal =
@@ -234,7 +259,7 @@ const unwind_rule* unwind_walk::guess_rule(uint64_t pc)
     if (pc == frame_register(UNW_REG_IP) && at_function_edge(pc)) {  // interrupted, not calling
         const uint64_t slot = machine::return_address_slot(pointer);
         if (slot == 0) {
-            return_address = frame_link_register();
+            return_address = link_register();
         } else if (!read_word(slot, return_address)) {
             return nullptr;
         }
