@@ -19,7 +19,6 @@ using std::stringstream;
 namespace
 {
 constexpr size_t text_buffer_size = 2048;
-constexpr uid_t no_owner = static_cast<uid_t>(-1);
 
 // Holds a lead thread's block of 1024 frames, so that no write of the report waits for a reader that may
 // itself be the thread being held. Untouched pages cost nothing.
@@ -33,7 +32,7 @@ class rights_of
     long saved_count = 0;
 
 public:
-    rights_of(uid_t uid, gid_t gid) : changed(uid != no_owner)
+    rights_of(uid_t uid, gid_t gid) : changed(uid != static_cast<uid_t>(-1))
     {
         if (!changed)
             return;
@@ -61,47 +60,21 @@ public:
 }  // namespace
 
 dumper::dumper(dumper_frame* df)
-    : pmi(nullptr),
-      pid(df->req_t.pid),
+    : pid(df->req_t.pid),
       tid(static_cast<pid_t>(df->req_t.tid)),
       dump_path(df->req_t.dump_path, strnlen(df->req_t.dump_path, sizeof(df->req_t.dump_path))),
       si_code(df->req_t.si_code),
-      abort_addr(df->req_t.abort_addr),
-      dump_mode(0),
-      fdump(nullptr),
-      report_uid(no_owner),
-      report_gid(0)
+      abort_addr(df->req_t.abort_addr)
 {
-    set_mode(SILENT);
 }
 
-dumper::dumper(pid_t new_pid, pid_t new_tid)
-    : pmi(nullptr),
-      pid(new_pid),
-      tid(new_tid),
-      si_code(0),
-      abort_addr(nullptr),
-      dump_mode(0),
-      fdump(nullptr),
-      report_uid(no_owner),
-      report_gid(0)
+dumper::dumper(pid_t new_pid, pid_t new_tid) : pid(new_pid), tid(new_tid)
 {
-    set_mode(SILENT);
     use_report(stdout);
 }
 
-dumper::dumper(pid_t new_pid, pid_t new_tid, const string& output)
-    : pmi(nullptr),
-      pid(new_pid),
-      tid(new_tid),
-      si_code(0),
-      abort_addr(nullptr),
-      dump_mode(0),
-      fdump(nullptr),
-      report_uid(no_owner),
-      report_gid(0)
+dumper::dumper(pid_t new_pid, pid_t new_tid, const string& output) : pid(new_pid), tid(new_tid)
 {
-    set_mode(SILENT);
     FILE* file = fopen(output.c_str(), "we");
     if (file == nullptr)
         __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Open dump file failed\n");

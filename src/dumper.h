@@ -29,17 +29,17 @@ enum DUMP_MODE {
 
 class dumper
 {
-    process_map_info* pmi;                // null until init_process_map
-    std::shared_ptr<target_image> image;  // what unwinding knows of the target; null until then, too
+    process_map_info* pmi = nullptr;      // until init_process_map
+    std::shared_ptr<target_image> image;  // what unwinding knows of the target; null until its first stack
     pid_t pid;
-    pid_t tid;              // the thread of a thread dump, the crashing thread, or -1
-    std::string dump_path;  // directory of a server-side report; empty in client mode
-    int si_code;            // what a crashing process said of its signal
-    void* abort_addr;
-    int dump_mode;  // DUMP_MODE bits
+    pid_t tid;                   // the thread of a thread dump, the crashing thread, or -1
+    std::string dump_path;       // directory of a server-side report; empty in client mode
+    int si_code = 0;             // what a crashing process said of its signal
+    void* abort_addr = nullptr;  // the same; null when there is none
+    int dump_mode = SILENT;      // DUMP_MODE bits
 
 public:
-    FILE* fdump;  // the report; null when there is none, and then report lines are dropped
+    FILE* fdump = nullptr;  // the report; null when there is none, and then report lines are dropped
 
     // The job and its report: dumper.cpp
     explicit dumper(dumper_frame* df);     // server: no report open yet
@@ -148,8 +148,9 @@ private:
     int dump_signal_info(int signo);
     int crash_file_create(const char* dump_dir);
 
-    uid_t report_uid;  // owner of report files, or -1 for the tool's own user
-    gid_t report_gid;
+    static constexpr uid_t no_owner = static_cast<uid_t>(-1);
+    uid_t report_uid = no_owner;  // whose rights and whose files reports are; the tool's own when no_owner
+    gid_t report_gid = 0;
     std::unique_ptr<char[]> report_buffer;  // fdump's
 };
 
