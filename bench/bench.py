@@ -52,10 +52,13 @@ def run(argv, preload, holds_file):
     wall = (time.monotonic() - start) * 1e3
     child.returncode = 0
     holds = []
+    peak = 0
     if os.path.exists(holds_file):
         with open(holds_file, encoding='ascii') as lines:
-            holds = [float(line.split()[1]) for line in lines]
-    return wall, (usage.ru_utime + usage.ru_stime) * 1e3, usage.ru_maxrss, holds
+            fields = [line.split() for line in lines]
+        holds = [float(f[1]) for f in fields if f[0] != 'VmHWM:']
+        peak = max((int(f[1]) for f in fields if f[0] == 'VmHWM:'), default=0)
+    return wall, (usage.ru_utime + usage.ru_stime) * 1e3, peak, holds
 
 
 def median(values):
