@@ -16,8 +16,8 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <regex>
 
+#include "support/report.h"
 #include "support/target.h"
 #include "support/tool.h"
 
@@ -27,54 +27,14 @@ namespace fs = std::filesystem;
 
 namespace
 {
-struct frame {
-    string pc;
-    string module;
-    string function;  // empty in the short form
-};
-
 string program(const string& name)
 {
     return build_dir() + "/tests/targets/" + name;
 }
 
-// The frames of the first backtrace of a report.
-vector<frame> frames_of(const string& report)
-{
-    static const std::regex line(
-        R"(#[ 0-9]\d* pc 0x([0-9a-f]+) +(\S*(?: \(deleted\))?)(?: \((.*) \+ 0x[0-9a-f]+\))?\n)");
-    const string text = section(report, "\nBacktrace:\n", "\nKernel Trace:");
-    vector<frame> frames;
-    for (auto at = std::sregex_iterator(text.begin(), text.end(), line); at != std::sregex_iterator(); ++at)
-        frames.push_back({(*at)[1], (*at)[2], (*at)[3]});
-    return frames;
-}
-
-vector<string> functions_of(const vector<frame>& frames)
-{
-    vector<string> functions;
-    for (const frame& f : frames)
-        functions.push_back(f.function);
-    return functions;
-}
-
-// Whether the names stand in this order, next to each other.
-bool has_chain(const vector<string>& functions, const vector<string>& chain)
-{
-    return std::search(functions.begin(), functions.end(), chain.begin(), chain.end()) != functions.end();
-}
-
 tool_run dump(const target& of)
 {
     return run_tool({"-p", std::to_string(of.pid())});
-}
-
-string text_of(const vector<frame>& frames)
-{
-    string text;
-    for (const frame& f : frames)
-        text += f.pc + " " + f.module + " " + f.function + "\n";
-    return text;
 }
 
 // A copy of a target program in a folder of its own, for a test to damage.
@@ -117,6 +77,9 @@ public:
 };
 
 const vector<string> plain_chain = {"wait_here", "inner", "f", "outer", "main"};
+// The one between is the signal's return trampoline, named or not.
+const vector<string> null_chain = {"wait_here", "handle_signal", "*", "", "call_null", "main"};
+const vector<string> leaf_chain = {"wait_here", "handle_signal", "*", "store_at", "call_leaf", "main"};
 
 }  // namespace
 
@@ -147,19 +110,23 @@ TEST_P(stack_of, is_whole_and_named)
     EXPECT_TRUE(child.runs_untraced());
 }
 
-INSTANTIATE_TEST_SUITE_P(programs, stack_of,
-                         testing::Values(stack_case{"stacks", "plain", plain_chain},
-                                         stack_case{"stacks_lld", "plain", plain_chain},
-                                         stack_case{"stacks_static", "plain", plain_chain},
-                                         stack_case{"stacks_no_table", "plain", plain_chain},
-                                         stack_case{"stacks_signed", "plain", plain_chain},
-                                         stack_case{"stacks_debug_frame", "plain", plain_chain},
-                                         stack_case{"stacks_mini_debug", "plain", plain_chain},
-                                         stack_case{
-                                             "stacks", "anonymous", {"inner", "", "call_anonymous", "main"}},
-                                         stack_case{"stacks", "null", {"", "call_null", "main"}},
-                                         stack_case{"stacks", "signal", {"raise_signal", "main"}}),
-                         [](const auto& test) { return string(test.param.program) + "_" + test.param.kind; });
+INSTANTIATE_TEST_SUITE_P(
+    programs, stack_of,
+    testing::Values(stack_case{"stacks", "plain", plain_chain},
+                    stack_case{"stacks_lld", "plain", plain_chain},
+                    stack_case{"stacks_static", "plain", plain_chain},
+                    stack_case{"stacks_no_table", "plain", plain_chain},
+                    stack_case{"stacks_debug_frame", "plain", plain_chain},
+                    stack_case{"stacks_mini_debug", "plain", plain_chain},
+                    stack_case{"stacks_signed", "plain", plain_chain},
+                    stack_case{"stacks", "anonymous", {"inner", "", "call_anonymous", "main"}},
+                    stack_case{"stacks_signed", "anonymous", {"inner", "", "call_anonymous", "main"}},
+                    stack_case{"stacks", "null", null_chain}, stack_case{"stacks_signed", "null", null_chain},
+                    stack_case{"stacks", "signal", {"raise_signal", "main"}},
+                    stack_case{"stacks_signed", "signal", {"raise_signal", "main"}},
+                    stack_case{"stacks", "leaf", leaf_chain}, stack_case{"stacks_signed", "leaf", leaf_chain},
+                    stack_case{"stacks_debug_frame", "leaf", leaf_chain}),
+    [](const auto& test) { return string(test.param.program) + "_" + test.param.kind; });
 
 TEST(stack, crosses_from_the_signal_stack_through_a_call_of_null)
 {
@@ -179,6 +146,16 @@ TEST(stack, deeper_than_its_copy_shows_every_frame_that_fits_a_report)
     const vector<string> functions = functions_of(frames_of(dump(child).out));
     EXPECT_EQ(functions.size(), 1024U);
     EXPECT_GE(std::count(functions.begin(), functions.end(), "recurse"), 1020);
+}
+
+TEST(stack, leads_out_of_a_leaf_without_a_frame)
+{
+    const target child({"stacks", "spin"});
+    EXPECT_TRUE(eventually([&] {
+        const vector<string> functions = functions_of(frames_of(dump(child).out));
+        return !functions.empty() && functions[0] == "spin" &&
+               has_chain(functions, {"spin", "call_spin", "main"});
+    }));
 }
 
 TEST(stack, leads_out_of_the_vdso)

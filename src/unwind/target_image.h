@@ -86,6 +86,7 @@ private:
     friend struct walk_accessors;
 
     bool reached_code();
+    bool in_trampoline(uint64_t pc);
     bool stopped_at_null_frame_pointer();
     uint64_t link_register();
     uint64_t held_register(unw_regnum_t number) const;

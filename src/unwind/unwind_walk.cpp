@@ -83,9 +83,7 @@ struct walk_accessors {
         unwind_walk& walk = *current_walk;
         // Callers are asked for by the byte before their pc. A signal's return trampoline never called: it
         // may start at its pc.
-        const unwind_rule* rule = walk.image_.find_rule(pc, 0);
-        const uint64_t back =
-            rule != nullptr && rule->signal_frame() && walk.frame_register(UNW_REG_IP) == pc + 1 ? 1 : 0;
+        const uint64_t back = walk.frame_register(UNW_REG_IP) == pc + 1 && walk.in_trampoline(pc) ? 1 : 0;
         const symbol_name& name = walk.image_.find_name(pc + back);
         if (name.text.empty() || size == 0)
             return -UNW_ENOINFO;
@@ -194,6 +192,12 @@ bool unwind_walk::read_word(uint64_t address, uint64_t& value)
     // libunwind looks at the code at a pc for a signal's return trampoline. A pc that cannot be read is none.
     value = 0;
     return address == frame_register(UNW_REG_IP);
+}
+
+bool unwind_walk::in_trampoline(uint64_t pc)
+{
+    const unwind_rule* rule = image_.find_rule(pc, 0);
+    return rule != nullptr ? rule->signal_frame() : unw_is_signal_frame(&cursor_) > 0;
 }
 
 bool unwind_walk::step()

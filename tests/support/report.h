@@ -10,14 +10,31 @@
 // nothing else.
 struct thread_block {
     bool whole = false;
+    std::string text;
     pid_t pid = -1;
     pid_t tid = -1;
     std::string names;  // "process: threads, thread: worker 1"
     std::string statistics;
+    std::string registers;  // the section's lines
     std::vector<std::string> frames;
+    std::vector<std::string> kernel_trace;
 };
 
 thread_block parse_block(const std::string& text);
+
+struct frame {
+    std::string pc;
+    std::string module;
+    std::string function;  // empty in the short form
+};
+
+// The frames of the first backtrace of a report.
+std::vector<frame> frames_of(const std::string& report);
+std::vector<std::string> functions_of(const std::vector<frame>& frames);
+std::string text_of(const std::vector<frame>& frames);
+
+// Whether the names stand in this order, next to each other. "*" is any.
+bool has_chain(const std::vector<std::string>& functions, const std::vector<std::string>& chain);
 
 struct process_report {
     std::string head;  // up to the first separator

@@ -1,5 +1,5 @@
 // A program with one stack of a given kind, for the unwinder. It says "ready" with one byte on standard
-// output. usage: stacks plain|deep|vdso|null|signal|anonymous|loop
+// output. usage: stacks plain|deep|vdso|null|signal|leaf|spin|anonymous|loop
 #define _GNU_SOURCE
 #include "stacks.h"
 
@@ -12,6 +12,8 @@
 
 static volatile int sink;
 static void (*volatile no_function)(void);
+static int* volatile no_place;
+static volatile int spinning = 1;
 
 static void say_ready(void)
 {
@@ -91,6 +93,31 @@ void raise_signal(void)
     sink++;
 }
 
+// The leaves have no frame: what leads to their caller is in a register, or on top of the stack.
+void store_at(int* place)
+{
+    *place = 1;
+}
+
+void call_leaf(void)
+{
+    store_at(no_place);
+    sink++;
+}
+
+void spin(void)
+{
+    while (spinning)
+        sink++;
+}
+
+void call_spin(void)
+{
+    say_ready();
+    spin();
+    sink++;
+}
+
 // Runs code that no table describes, in memory that no file is behind. It keeps a frame record and calls
 // back.
 void call_anonymous(void)
@@ -129,6 +156,12 @@ int main(int argc, char** argv)
         catch_signal(SIGSEGV);
         call_null();
     }
+    if (strcmp(kind, "leaf") == 0) {
+        catch_signal(SIGSEGV);
+        call_leaf();
+    }
+    if (strcmp(kind, "spin") == 0)
+        call_spin();
     if (strcmp(kind, "signal") == 0) {
         catch_signal(SIGUSR1);
         raise_signal();
