@@ -9,11 +9,12 @@ guest_project=/quorvineler  # where the guest finds the project; not below /tmp,
 
 usage() {
     cat <<'TEXT'
-usage: ./dev aarch64 [--debian 12|13] [--timeout SECONDS] [--build-only | --shell | --run 'COMMAND'] [-- TEST-ARGUMENTS]
+usage: ./dev aarch64 [--debian 12|13] [--timeout SECONDS] [--download-only | --build-only | --shell | --run 'COMMAND'] [-- TEST-ARGUMENTS]
 
 Cross-builds the project for aarch64 and runs its tests in an emulated machine; ends with their status.
   --debian N         libraries and kernel of Debian N: 13 (the default, libunwind 1.8) or 12 (libunwind 1.6)
   --timeout SECONDS  the longest the machine may run (default 900)
+  --download-only    stop before the cross build; print the folder with sysroot/ and control/
   --build-only       stop after the cross build
   --shell            an interactive shell in the machine instead of the tests
   --run 'COMMAND'    a shell command line in the machine instead of the tests; ends with its status
@@ -36,6 +37,7 @@ parse_arguments() {
         case $1 in
             --debian) debian=${2-} && shift ;;
             --timeout) timeout_s=${2-} && shift ;;
+            --download-only) mode=download ;;
             --build-only) mode=build ;;
             --shell) mode=shell ;;
             --run) mode=run run_command=${2-} && shift ;;
@@ -111,9 +113,10 @@ own_apt() {
 arm64_packages=(libc6-dev libstdc++6 libunwind-dev libdw-dev libgtest-dev libgmock-dev busybox-static)
 kernel_package=linux-image-cloud-arm64
 
-# Fills $cache: sysroot/ (headers and libraries), vmlinuz, busybox, busybox-armhf.
+# Fills $cache: sysroot/ (headers and libraries), control/ (deb-symbols(5) and deb-shlibs(5) by package), vmlinuz,
+# busybox, busybox-armhf.
 download_debian() {
-    local wanted="${arm64_packages[*]} $kernel_package"
+    local wanted="${arm64_packages[*]} $kernel_package control"
     if [[ -e $cache/complete && $(<"$cache/complete") == "$wanted" ]]; then
         return
     fi
@@ -145,15 +148,20 @@ newest_kernel_package() {
 }
 
 unpack_sysroot() {
-    local archive link
-    mkdir -p "$sysroot"/usr/{bin,lib,sbin}
+    local archive link package
+    mkdir -p "$sysroot"/usr/{bin,lib,sbin} "$cache/control"
     for link in bin lib sbin; do
         ln -s "usr/$link" "$sysroot/$link"  # as base-files has it, which is not among the packages
     done
     for archive in "$1"/*.deb; do
         # Not dpkg -x: it would put a folder in the place of a link where Debian 12's packages still have /lib or /bin.
         dpkg-deb --fsys-tarfile "$archive" | tar -x -C "$sysroot" --keep-directory-symlink --no-same-owner
+        package=$cache/control/$(dpkg-deb -f "$archive" Package)
+        mkdir "$package"
+        # Most packages have neither.
+        dpkg-deb --ctrl-tarfile "$archive" | tar -x -C "$package" ./symbols ./shlibs 2>/dev/null || true
     done
+    find "$cache/control" -empty -delete
     find "$sysroot" -type l -lname '/*' | while read -r link; do
         ln -sfnr "$sysroot$(readlink "$link")" "$link"  # an absolute link would leave the sysroot
     done
@@ -287,6 +295,7 @@ parse_arguments "$@"
 keyring=/usr/share/keyrings/debian-archive-$codename-stable.gpg
 install_host_packages
 download_debian
+[[ $mode != download ]] || { echo "$cache" && exit; }
 cross_build
 [[ $mode != build ]] || exit 0
 machine=

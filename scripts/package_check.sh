@@ -1,0 +1,115 @@
+#!/usr/bin/env bash
+# Installs this machine's package in a fresh, minimal Debian 12 and 13 (mmdebstrap), each a folder with its own mounts and
+# processes, and looks whether client, server, crash report and manual work there. Called by ./dev package-check [12|13]...
+# after ./dev package. The archive is the one this system's own packages come from.
+set -euo pipefail
+cd "$(dirname "$(readlink -f "$0")")/.."
+
+die() {
+    echo "package-check: $*" >&2
+    exit 1
+}
+
+# What runs inside; every line of its output is a finding, and it ends at the first failure.
+inside() {
+    # A machine's postinst starts daemons; this folder is none.
+    printf '#!/bin/sh\nexit 101\n' >/usr/sbin/policy-rc.d && chmod 755 /usr/sbin/policy-rc.d
+    export DEBIAN_FRONTEND=noninteractive
+    apt-get -qq update
+    apt-get -qq install --no-install-recommends /package.deb man-db >/apt.log 2>&1 || { cat /apt.log && return 1; }
+    dpkg-query -W quorvineler libunwind8 'libdw1*' 'libelf1*' libstdc++6 libc6
+    stat -c '%A %U %n' /var/lib/quorvineler/reports
+
+    sleep 1000 &
+    local target=$!
+    dump_server -p "$target" -f /report
+    grep -E '^# 0 pc' /report
+    grep -q 'Kernel Trace' /report # shows that the report came to its end
+    [ "$(awk '/^State/ {print $2}' "/proc/$target/status")" = S ]
+
+    dump_server -s &
+    local server=$! tries=0
+    until [ -S /tmp/quorvineler.ipc ] || [ $((tries += 1)) -gt 1000 ]; do
+        sleep 0.01
+    done
+    request_status "$target" /var/lib/quorvineler/reports
+    CRASH_REPORT_DIR=/var/lib/quorvineler/reports LD_PRELOAD=$(dpkg -L quorvineler | grep 'libcrash_reporter\.so$') \
+        sh -c 'kill -SEGV $$' || [ $? -eq 139 ]
+    grep -h '^Fatal signal' /var/lib/quorvineler/reports/crashdump-*
+    kill "$target" "$server"
+
+    MANWIDTH=100 man dump_server >/manual
+    grep -A2 '^SYNOPSIS' /manual
+    echo "manual: $(wc -l </manual) lines"
+    apt-get -qq purge quorvineler >/dev/null 2>&1
+    [ ! -e /usr/bin/dump_server ] && [ ! -e /var/lib/quorvineler ]
+    echo "purged"
+}
+
+if [[ ${1-} == --inside ]]; then
+    inside
+    exit
+fi
+
+[[ $(id -u) == 0 ]] || die "run it as root"
+machine=$(dpkg --print-architecture)
+
+# shellcheck disable=SC1091  # a file of the system
+own=$(. /etc/os-release && echo "$VERSION_CODENAME")
+# shellcheck disable=SC2016  # $(...) is apt's own notation
+archive=$(apt-get indextargets --format '$(RELEASE) $(COMPONENT) $(REPO_URI)' 'Created-By: Packages' |
+    awk -v release="$own" '$1 == release && $2 == "main" { print $3; exit }')
+[[ $archive ]] || die "no Debian archive among this system's apt sources"
+
+# unpack_fresh_root NAME FOLDER [PACKAGE...]: a minimal Debian; kept as an archive, as it takes minutes to fetch
+unpack_fresh_root() {
+    local base=.cache/package-check/$1.tar packages
+    if [[ ! -e $base ]]; then
+        mkdir -p .cache/package-check
+        packages=$(IFS=, && echo "${*:3}")
+        mmdebstrap --quiet --variant=minbase --architectures="$machine" --include="$packages" "$codename" "$base.new" \
+            "deb [signed-by=$keyring] $archive $codename main"
+        mv "$base.new" "$base"
+    fi
+    mkdir "$2"
+    tar -C "$2" -xf "$base"
+}
+
+# A package suits the release it was built on (libunwind): builds one in a root of that release.
+build_for_other_release() {
+    unpack_fresh_root "$codename-build" "$root-build" g++ cmake ninja-build pkg-config libunwind-dev libdw-dev libelf-dev \
+        dpkg-dev file lintian
+    mkdir "$root-build/source"
+    git ls-files -z -co --exclude-standard | tar -c --null -T - | tar -x -C "$root-build/source"
+    # shellcheck disable=SC2016  # expanded inside
+    unshare --mount --pid --fork --kill-child bash -c 'mount -t proc proc "$1/proc" &&
+        exec chroot "$1" /source/scripts/package.sh "$2"' - "$root-build" "$machine" || die "Debian $debian: could not build"
+    cp "$root-build/source/build-package/"*.deb build-package/
+    package=$(echo "build-package/quorvineler_"*"+deb${debian}_$machine.deb")
+}
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+(($#)) || set -- 12 13
+for debian in "$@"; do
+    case $debian in
+        12) codename=bookworm ;;
+        13) codename=trixie ;;
+        *) die "12 or 13, not '$debian'" ;;
+    esac
+    root=$work/$codename
+    keyring=/usr/share/keyrings/debian-archive-$codename-stable.gpg
+    package=$(echo "build-package/quorvineler_"*"+deb${debian}_$machine.deb")
+    [[ $codename == "$own" ]] || build_for_other_release
+    [[ -e $package ]] || die "no $package: run ./dev package first"
+    unpack_fresh_root "$codename" "$root"
+    cp "$package" "$root/package.deb"
+    cp scripts/package_check.sh "$root/package_check"
+    [[ ! -e /etc/resolv.conf ]] || cp -L /etc/resolv.conf "$root/etc/resolv.conf"
+    echo "== Debian $debian"
+    # The last process of the namespace is its first: all others end with it.
+    # shellcheck disable=SC2016  # expanded inside
+    unshare --mount --pid --fork --kill-child bash -c '
+        mount -t proc proc "$1/proc" && mount --rbind /dev "$1/dev" && mount -t tmpfs tmpfs "$1/tmp" &&
+            exec chroot "$1" /bin/bash /package_check --inside' - "$root" || die "Debian $debian: failed"
+done
