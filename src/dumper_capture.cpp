@@ -5,6 +5,7 @@
 #include <elf.h>
 #include <errno.h>
 #include <libunwind-ptrace.h>
+#include <sched.h>
 #include <string.h>
 #include <sys/ptrace.h>
 #include <sys/uio.h>
@@ -22,6 +23,8 @@ using std::stringstream;
 
 namespace
 {
+constexpr double longest_resume_ms = 5;
+
 struct space_deleter {
     void operator()(unw_addr_space_t space) const { unw_destroy_addr_space(space); }
 };
@@ -34,6 +37,25 @@ struct free_deleter {
 using unwind_space = std::unique_ptr<std::remove_pointer_t<unw_addr_space_t>, space_deleter>;
 using unwind_context = std::unique_ptr<void, context_deleter>;
 using demangled_name = std::unique_ptr<char, free_deleter>;
+
+// A released thread shows the stop that the tool held it in until it gets a processor. The short wait is for
+// that; where it never comes, the thread's state is shown as it is.
+bool read_kernel_trace(stringstream& trace, pid_t pid, pid_t tid)
+{
+    timeval start;
+    timeval now;
+    gettimeofday(&start, nullptr);
+    for (;;) {
+        trace.str("");
+        if (!sys_stat::get_kernel_calltrace_to_stream(&trace, pid, tid))
+            return false;
+        gettimeofday(&now, nullptr);
+        if (trace.str().find("ptrace_stop") == std::string::npos ||
+            elapsed_ms(start, now) > longest_resume_ms)
+            return true;
+        sched_yield();
+    }
+}
 
 }  // namespace
 
@@ -130,14 +152,14 @@ bool dumper::dump_ktrace(stringstream* ss, pid_t target_tid)
 {
     if (target_tid == -1)
         target_tid = tid;
-    if (ss != nullptr) {
-        __LOG(*ss, false, "\nKernel Trace:\n");
-        return sys_stat::get_kernel_calltrace_to_stream(ss, pid, target_tid);
-    }
     stringstream section;
     __LOG(section, false, "\nKernel Trace:\n");
-    const bool copied = sys_stat::get_kernel_calltrace_to_stream(&section, pid, target_tid);
-    if (copied && fdump != nullptr)
+    stringstream trace;
+    const bool copied = read_kernel_trace(trace, pid, target_tid);
+    section << trace.str();
+    if (ss != nullptr)
+        *ss << section.str();
+    else if (copied && fdump != nullptr)
         fputs(section.str().c_str(), fdump);
     return copied;
 }
