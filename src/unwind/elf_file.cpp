@@ -43,7 +43,9 @@ std::unique_ptr<elf_file> open_elf(const std::string& path)
     if (fd < 0)
         return nullptr;
     auto file = std::make_unique<elf_file>();
-    return file->open_descriptor(fd) ? std::move(file) : nullptr;
+    if (!file->open_descriptor(fd))
+        return nullptr;
+    return file;
 }
 
 bool has_inode(const std::string& path, uint64_t inode)

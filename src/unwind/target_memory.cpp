@@ -55,8 +55,8 @@ target_memory::~target_memory()
 size_t target_memory::read(uint64_t address, void* to, size_t size, pid_t held_tid)
 {
     iovec local{to, size};
-    iovec remote{reinterpret_cast<void*>(address),
-                 size};  // NOLINT(performance-no-int-to-ptr): not of this process
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): an address of another process
+    iovec remote{reinterpret_cast<void*>(address), size};
     const ssize_t count = process_vm_readv(tid_, &local, 1, &remote, 1, 0);
     if (count > 0)
         return static_cast<size_t>(count);
