@@ -30,46 +30,37 @@ thread_block dump_block(pid_t pid, pid_t tid, int mode)
     return block;
 }
 
-pid_t thread_named(const target& program, const string& name)
-{
-    for (const pid_t tid : thread_ids(program.pid()))
-        if (thread_status(program.pid(), tid, "Name") == name)
-            return tid;
-    return -1;
-}
-
 size_t frames_with(const thread_block& block, const string& part)
 {
-    return static_cast<size_t>(
-        std::count_if(block.frames.begin(), block.frames.end(),
-                      [&](const string& frame) { return frame.find(part) != string::npos; }));
+    size_t count = 0;
+    for (const string& frame : block.frames)
+        count += frame.find(part) != string::npos;
+    return count;
 }
 
 }  // namespace
 
 TEST(backtrace, names_functions_only_when_asked)
 {
-    const target program({"threads", "1", "7"});
-    const pid_t tid = thread_named(program, "worker 0");
+    const target program({"threads", "0", "7"});
+    const string program_file = build_dir() + "/tests/targets/threads";
     const std::regex named(R"(#( \d|\d\d) pc 0x[1-9a-f][0-9a-f]*  (\?\?|[/\[]\S*) \(.+ \+ 0x[0-9a-f]+\))");
     const std::regex plain(R"(#( \d|\d\d) pc 0x[1-9a-f][0-9a-f]* (\?\?|[/\[]\S*))");
 
-    const thread_block with_names = dump_block(program.pid(), tid, SILENT | FUNC_PARSE);
+    const thread_block with_names = dump_block(program.pid(), program.pid(), SILENT | FUNC_PARSE);
     for (const string& frame : with_names.frames)
         EXPECT_TRUE(std::regex_match(frame, named) || std::regex_match(frame, plain)) << frame;
-    const string module = "  " + build_dir() + "/tests/targets/threads (";
-    EXPECT_EQ(frames_with(with_names, module + "wait_for_ever + 0x"), 1U);
-    EXPECT_EQ(frames_with(with_names, module + "sample::worker::descend(int) + 0x"), 7U);
-    EXPECT_EQ(frames_with(with_names, module + "sample::worker::run() + 0x"), 1U);
+    for (const auto& [function, times] :
+         {std::pair("wait_for_ever", 1U), {"sample::worker::descend(int)", 7U}, {"main", 1U}})
+        EXPECT_EQ(frames_with(with_names, "  " + program_file + " (" + function + " + 0x"), times);
 
-    const thread_block without = dump_block(program.pid(), tid, SILENT);
-    EXPECT_EQ(without.frames.size(), with_names.frames.size());
-    for (const string& frame : without.frames)
-        EXPECT_TRUE(std::regex_match(frame, plain)) << frame;
-    EXPECT_EQ(frames_with(without, " " + build_dir() + "/tests/targets/threads"),
-              frames_with(with_names, " " + build_dir() + "/tests/targets/threads"));
-    for (size_t i = 0; i < without.frames.size(); i++)
+    const thread_block without = dump_block(program.pid(), program.pid(), SILENT);
+    ASSERT_EQ(without.frames.size(), with_names.frames.size());
+    EXPECT_EQ(frames_with(without, " " + program_file), frames_with(with_names, " " + program_file));
+    for (size_t i = 0; i < without.frames.size(); i++) {
+        EXPECT_TRUE(std::regex_match(without.frames[i], plain)) << without.frames[i];
         EXPECT_EQ(atoi(without.frames[i].c_str() + 1), static_cast<int>(i));
+    }
 }
 
 TEST(backtrace, shows_code_of_no_file_as_unknown)

@@ -53,14 +53,15 @@ TEST_F(statistics, show_the_fields_of_the_stat_line)
         ", tid: " + std::to_string(pid) + ", process: sleeper, thread: sleeper\nThread stat:" + line +
         "Core=3, utime=111, stime=222, priority=-51, policy=2, vsize=4096, rss=77, state=S, current=";
     for (const string& text : {ss.str(), job.report()}) {
+        double current = 0;
+        double uptime = 0;
         ASSERT_TRUE(text.starts_with(head)) << text;
-        std::smatch times;
-        const string rest = text.substr(head.size());
-        ASSERT_TRUE(std::regex_match(
-            rest, times, std::regex(R"((\d+\.\d{6}), uptime=(\d+\.\d{6}), schedstat=<12 34 56>\n)")))
-            << rest;
-        EXPECT_NEAR(stod(times[1]) - stod(times[2]), 100.0 / static_cast<double>(sysconf(_SC_CLK_TCK)), 2e-6);
-        EXPECT_NEAR(stod(times[1]), stod(file_text("/proc/uptime")), 10);
+        EXPECT_EQ(sscanf(text.c_str() + head.size(), "%lf, uptime=%lf", &current, &uptime), 2) << text;
+        char rest[100];
+        snprintf(rest, sizeof(rest), "%.6f, uptime=%.6f, schedstat=<12 34 56>\n", current, uptime);
+        EXPECT_EQ(text.substr(head.size()), rest);
+        EXPECT_NEAR(current - uptime, 100.0 / static_cast<double>(sysconf(_SC_CLK_TCK)), 2e-6);
+        EXPECT_NEAR(current, stod(file_text("/proc/uptime")), 100);
     }
 }
 
@@ -69,7 +70,7 @@ TEST_F(statistics, survive_any_process_name_and_any_stat_line)
     const struct {
         string line;
         int result;
-        vector<string> first_fields;
+        vector<string> fields;
     } cases[] = {
         {stat_line(pid, "a b  c", "R 1"), 0, {"R", "1"}},
         {stat_line(pid, "a) Z (b", "R 1"), 0, {"Z", "(b)", "R", "1"}},  // split behind the first ")"
@@ -81,11 +82,9 @@ TEST_F(statistics, survive_any_process_name_and_any_stat_line)
     for (const auto& c : cases) {
         const mounted_file stat(task_file(pid, pid, "stat"), c.line);
         dumper_test job(pid, pid);
-        vector<string> fields = {"kept"};
+        vector<string> fields;
         EXPECT_EQ(job.stat_line(pid, fields), c.result) << c.line;
-        vector<string> expected = {"kept"};
-        expected.insert(expected.end(), c.first_fields.begin(), c.first_fields.end());
-        EXPECT_EQ(fields, expected);
+        EXPECT_EQ(fields, c.fields);
         // All these have too few fields: the raw line is the last that is written.
         stringstream ss;
         EXPECT_EQ(job.thread_info(&ss, pid), -3);
@@ -102,32 +101,26 @@ TEST_F(statistics, name_what_cannot_be_read)
         log_as_text(),
         "6 Dumper: get_process_cmdline failed, pid=0\n6 Dumper: get_process_name failed, pid=0\n"
         "6 Dumper: get_thread_name failed, pid=0, tid=7\n6 Dumper: get_process_stat failed, pid=0, tid=7\n");
-    clear_log();
     const mounted_file schedstat(task_file(pid, pid, "schedstat"), "");
     stringstream ss;
     dumper_test job(pid, pid);
     EXPECT_EQ(job.thread_info(&ss, pid), -3);
-    EXPECT_THAT(ss.str(), testing::HasSubstr("\nThread stat:"));
     EXPECT_EQ(ss.str().find("Core="), string::npos);
-    EXPECT_EQ(log_as_text(), "");
 }
 
 TEST_F(statistics, head_the_report_with_what_the_system_says)
 {
     const mounted_file uptime("/proc/uptime", "12.34 56.78\n");
     const mounted_file stat("/proc/stat", string(50, 'c') + "\n" + string(3000, 's') + "\n");
-    const string kernel = file_text("/proc/version");
-    const string version = file_text("/etc/version");
+    string version = file_text("/etc/version");
+    version.resize(version.size() - !version.empty());
     dumper_test job(pid, pid);
     job.header_info();
     const string header = job.report();
-    EXPECT_TRUE(std::regex_search(
-        header,
-        std::regex(
-            R"(^Uptime: 12.34 56.78\nTimestamp: \d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{9}\nSys version: )")))
-        << header;
-    EXPECT_TRUE(header.ends_with("\nSys version: " + version.substr(0, version.size() - !version.empty()) +
-                                 "\nKernel version: " + kernel))
+    const std::regex start(R"(^Uptime: 12.34 56.78\nTimestamp: \d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{9}\nSys)");
+    EXPECT_TRUE(std::regex_search(header, start)) << header;
+    EXPECT_TRUE(
+        header.ends_with("\nSys version: " + version + "\nKernel version: " + file_text("/proc/version")))
         << header;
     job.process_info();
     const string sections = job.report().substr(header.size());
@@ -143,9 +136,8 @@ TEST(open_files, are_listed_with_64_characters_of_their_names)
     const int fd = open(name.c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0600);
     dumper_test job(getpid(), -1);
     EXPECT_EQ(job.opened_file(), 0);
-    const string text = job.report();
-    EXPECT_TRUE(text.starts_with("\nOpen files:\n    fd ")) << text;
-    EXPECT_THAT(text,
+    EXPECT_THAT(job.report(), testing::StartsWith("\nOpen files:\n    fd "));
+    EXPECT_THAT(job.report(),
                 testing::HasSubstr("\n    fd " + std::to_string(fd) + ": " + name.substr(0, 64) + "\n"));
     close(fd);
     dumper_test gone(0, -1);

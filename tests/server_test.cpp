@@ -32,7 +32,7 @@ constexpr uid_t other_user = 65534;
 class server_mode : public testing::Test
 {
 protected:
-    server daemon{{"-s"}, [] { umask(0); }};
+    server daemon;
     target idle{{"threads", "2"}};
     const string dir = fresh_dir();
 
@@ -40,7 +40,7 @@ protected:
     void TearDown() override
     {
         const string last = fresh_dir();
-        EXPECT_EQ(ask(make_request(CMD_PROCESS_STAT, idle.pid(), idle.pid(), last)), 0);
+        EXPECT_EQ(ask(of(idle.pid(), CMD_PROCESS_STAT, last)), 0);
         EXPECT_EQ(reports_in(last).size(), 1u);
         EXPECT_TRUE(daemon.lives());
         EXPECT_TRUE(idle.runs_untraced());
@@ -48,34 +48,29 @@ protected:
         if (HasFailure())
             fprintf(stderr, "%s", daemon.log().c_str());
     }
-    dumper_frame of_idle(uint16_t cmd, pid_t tid = 0) const
+    dumper_frame of(pid_t pid, uint16_t cmd, const string& path) const
     {
-        return make_request(cmd, idle.pid(), tid != 0 ? tid : idle.pid(), dir);
+        return make_request(cmd, pid, pid, path);
     }
-    pid_t other_thread() const
-    {
-        for (const pid_t tid : thread_ids(idle.pid()))
-            if (tid != idle.pid())
-                return tid;
-        return -1;
-    }
+    dumper_frame of(const target& program, uint16_t cmd) const { return of(program.pid(), cmd, dir); }
+    dumper_frame of_idle(uint16_t cmd, pid_t tid) const { return make_request(cmd, idle.pid(), tid, dir); }
 };
 
-// The process's effective user while in scope: what a connect made meanwhile tells the server.
-class as_other_user
+// The user of the process at connect is what the server learns.
+connection connect_as_other_user()
 {
-public:
-    as_other_user() { EXPECT_EQ(setegid(other_user) + seteuid(other_user), 0); }
-    ~as_other_user() { EXPECT_EQ(seteuid(0) + setegid(0), 0); }
-    as_other_user(const as_other_user&) = delete;
-    as_other_user& operator=(const as_other_user&) = delete;
-};
-
-bool in_system_call(pid_t pid, pid_t tid, long number)
-{
-    const string path = "/proc/" + to_string(pid) + "/task/" + to_string(tid) + "/syscall";
-    return file_text(path).starts_with(to_string(number) + " ");
+    struct user {
+        user() { EXPECT_EQ(setegid(other_user) + seteuid(other_user), 0); }
+        ~user() { EXPECT_EQ(seteuid(0) + setegid(0), 0); }
+    } const meanwhile;
+    return connection();
 }
+
+struct others_process : target {
+    others_process() : target({"as_user", to_string(other_user), build_dir() + "/tests/targets/threads", "1"})
+    {
+    }
+};
 
 // A process of this number, which must be free: clone(2), set_tid. It runs the "threads" target.
 pid_t start_as_number(pid_t number)
@@ -94,53 +89,43 @@ pid_t start_as_number(pid_t number)
     return child;
 }
 
+struct stat file_status(const string& path)
+{
+    struct stat file = {};
+    EXPECT_EQ(stat(path.c_str(), &file), 0) << path;
+    return file;
+}
+
 }  // namespace
 
 TEST_F(server_mode, acknowledges_each_request_of_a_connection_then_reports)
 {
     const connection link;
-    const pid_t tid = other_thread();
-    const struct {
-        dumper_frame request;
-        uint16_t code;
-        string heading;
-    } requests[] = {
-        {of_idle(CMD_PROCESS_STAT), 0x51FD, "=== === === === Dump process:" + to_string(idle.pid())},
-        {of_idle(CMD_THREAD_STAT, tid), 0x51FC, "=== === === === Dump thread:" + to_string(tid)},
-        {of_idle(CMD_PROCESS_STAT, tid), 0x51FD, "=== === === === Dump process:" + to_string(idle.pid())},
-    };
-    for (const auto& r : requests)
-        ASSERT_TRUE(link.send_request(r.request));
-    for (const auto& r : requests) {
+    const pid_t tid = idle.other_thread();
+    const string process_heading = "=== === === === Dump process:" + to_string(idle.pid());
+    const string thread_heading = "=== === === === Dump thread:" + to_string(tid);
+    for (const auto& request :
+         {of(idle, CMD_PROCESS_STAT), of_idle(CMD_THREAD_STAT, tid), of_idle(CMD_PROCESS_STAT, tid)})
+        ASSERT_TRUE(link.send_request(request));
+    for (const int expected : {0x51FD, 0x51FC, 0x51FD}) {
         uint16_t code = 0;
         EXPECT_EQ(link.acknowledgement(&code), 0);
-        EXPECT_EQ(code, r.code);
+        EXPECT_EQ(code, expected);
     }
-    link.end_requests();
-    EXPECT_TRUE(link.closed_by_server());
+    EXPECT_TRUE(link.finish());
 
-    const vector<string> reports = reports_in(dir, to_string(idle.pid()) + "-dumpstat-");
-    ASSERT_EQ(reports.size(), 3u);
-    size_t whole_processes = 0;
-    for (const string& path : reports) {
+    string all;
+    for (const string& path : reports_in(dir, to_string(idle.pid()) + "-dumpstat-")) {
         const string text = file_text(path);
-        struct stat file;
-        ASSERT_EQ(stat(path.c_str(), &file), 0);
-        EXPECT_EQ(file.st_mode & 0777u, 0640u);
-        if (text.starts_with(requests[1].heading)) {
-            EXPECT_EQ(count_of(text, "\nKernel Trace:\n"), 1u) << text;
-            EXPECT_NE(text.find("\nMemory map:\n"), string::npos) << text;
-            continue;
-        }
-        whole_processes++;
-        EXPECT_TRUE(text.starts_with(requests[0].heading)) << text;
-        for (const pid_t thread : thread_ids(idle.pid()))
-            EXPECT_EQ(count_of(text, ", tid: " + to_string(thread) + ","), 1u) << text;
+        EXPECT_EQ(file_status(path).st_mode & 0777u, 0640u);
+        EXPECT_TRUE(text.starts_with(process_heading) || text.starts_with(thread_heading)) << text;
+        EXPECT_NE(text.find("\nMemory map:\n"), string::npos) << text;
+        all += text;
     }
-    EXPECT_EQ(whole_processes, 2u);
-    EXPECT_EQ(count_of(daemon.log(),
-                       "I DumpServer[" + to_string(daemon.pid()) + "]: Handle_dump_req 0xae02 takes:"),
-              2u);
+    EXPECT_EQ(count_of(all, process_heading), 2u) << all;
+    for (const pid_t thread : thread_ids(idle.pid()))
+        EXPECT_EQ(count_of(all, ", tid: " + to_string(thread) + ","), thread == tid ? 3u : 2u) << all;
+    EXPECT_EQ(count_of(daemon.log_since(0), "I DumpServer: Handle_dump_req 0xae02 takes:"), 2u);
 }
 
 TEST_F(server_mode, answers_what_it_cannot_do_as_the_protocol_says)
@@ -150,48 +135,43 @@ TEST_F(server_mode, answers_what_it_cannot_do_as_the_protocol_says)
     kill(gone_pid, SIGKILL);
     gone.wait_for_end();
 
+    const string no_process = "I DumpServer: Init process map failed:";
+    constexpr int stays_open = 1;
     const struct {
         const char* what;
         dumper_frame request;
         int status;
-        bool stays_open;
         string logged;
     } cases[] = {
-        {"no such process", make_request(CMD_PROCESS_STAT, gone_pid, gone_pid, dir), no_answer, true,
-         "I DumpServer: Init process map failed:1\n"},
-        {"pid 0", make_request(CMD_PROCESS_STAT, 0, 0, dir), no_answer, true,
-         "I DumpServer: Init process map failed:1\n"},
-        {"pid -5", make_request(CMD_CRASH_DUMP, -5, -5, dir), no_answer, true,
-         "I DumpServer: Init process map failed:1\n"},
-        {"pid -1", make_request(CMD_PROCESS_STAT, -1, -1, dir), no_answer, false,
-         "I DumpServer: Init process map failed:-2\nE DumpServer: handle_dump_req failed, ret:-2\n"},
-        {"thread of another process", of_idle(CMD_THREAD_STAT, getpid()), -3, false,
+        {"no such process", of(gone_pid, CMD_PROCESS_STAT, dir), stays_open, no_process + "1\n"},
+        {"pid 0", of(0, CMD_PROCESS_STAT, dir), stays_open, no_process + "1\n"},
+        {"pid -5", of(-5, CMD_CRASH_DUMP, dir), stays_open, no_process + "1\n"},
+        {"pid -1", of(-1, CMD_PROCESS_STAT, dir), no_answer,
+         no_process + "-2\nE DumpServer: handle_dump_req failed, ret:-2\n"},
+        {"thread of another process", of_idle(CMD_THREAD_STAT, getpid()), -3,
          "E Dumper: Tid " + to_string(getpid()) + " does not exist in pid " + to_string(idle.pid()) +
              ". ignoring request\nE DumpServer: ptrace attach failed\nI DumpServer: Handle_dump_req 0xae03 "
              "takes:"},
-        {"thread -1 of a crash", of_idle(CMD_CRASH_DUMP, -1), -3, false,
-         "E DumpServer: ptrace attach failed\n"},
-        {"command 0", of_idle(0), no_answer, false,
+        {"thread -1 of a crash", of_idle(CMD_CRASH_DUMP, -1), -3, "E DumpServer: ptrace attach failed\n"},
+        {"command 0", of(idle, 0), no_answer,
          "E DumpServer: No Such CMD\nE DumpServer: handle_dump_req failed, ret:-22\n"},
-        {"an acknowledgement", of_idle(0x51FD), no_answer, false, "E DumpServer: No Such CMD\n"},
+        {"an acknowledgement", of(idle, 0x51FD), no_answer, "E DumpServer: No Such CMD\n"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         const size_t mark = daemon.log().size();
         const connection link;
         ASSERT_TRUE(link.send_request(c.request));
-        if (c.stays_open) {
-            ASSERT_TRUE(link.send_request(of_idle(CMD_THREAD_STAT)));
-            link.end_requests();
-            EXPECT_EQ(link.acknowledgement(), 0) << "the answer to the request after it";
-            EXPECT_TRUE(link.closed_by_server());
+        if (c.status == stays_open) {
+            EXPECT_EQ(link.request(of(idle, CMD_THREAD_STAT)), 0) << "the answer to the request after it";
+            EXPECT_TRUE(link.finish());
         } else {
             EXPECT_EQ(link.acknowledgement(), c.status);
             EXPECT_TRUE(link.closed_by_server());
         }
         const string log = daemon.log_since(mark);
         EXPECT_NE(log.find(c.logged), string::npos) << log;
-        EXPECT_TRUE(c.status != no_answer || c.stays_open || log.find(" takes:") == string::npos) << log;
+        EXPECT_EQ(log.find(" takes:") == string::npos, c.status == no_answer) << log;
     }
 }
 
@@ -211,28 +191,28 @@ TEST_F(server_mode, takes_a_short_record_for_a_whole_one_and_reads_no_further)
     }
     EXPECT_GE(answered, 20u);  // from the last byte of the process number on
 
-    const dumper_frame twice[2] = {of_idle(CMD_THREAD_STAT), of_idle(CMD_PROCESS_STAT)};
+    const dumper_frame twice[2] = {of(idle, CMD_THREAD_STAT), of(idle, CMD_PROCESS_STAT)};
     const connection link;
     ASSERT_TRUE(link.send_bytes(twice, 180));
-    uint16_t codes[2] = {};
-    EXPECT_EQ(link.acknowledgement(&codes[0]), 0);
-    EXPECT_EQ(link.acknowledgement(&codes[1]), 0);
-    EXPECT_EQ(codes[0] << 16 | codes[1], 0x51FC51FD);
-    link.end_requests();
-    EXPECT_TRUE(link.closed_by_server());
+    for (const int expected : {0x51FC, 0x51FD}) {
+        uint16_t code = 0;
+        EXPECT_EQ(link.acknowledgement(&code), 0);
+        EXPECT_EQ(code, expected);
+    }
+    EXPECT_TRUE(link.finish());
 }
 
 TEST_F(server_mode, survives_random_bytes)
 {
     std::mt19937 random(20260322);
-    for (int round = 0; round < 300; round++) {
+    const pid_t pid = idle.pid();
+    for (int round = 0; round < 150; round++) {
         unsigned char bytes[270];
         for (unsigned char& byte : bytes)
             byte = static_cast<unsigned char>(random());
         const uint16_t commands[] = {CMD_CRASH_DUMP, CMD_PROCESS_STAT, CMD_THREAD_STAT};
         if (round % 4 != 0)
             memcpy(bytes, &commands[round % 3], 2);
-        const pid_t pid = idle.pid();
         if (round % 2 != 0)
             memcpy(bytes + 66, &pid, sizeof(pid));  // a thread of it that cannot be, a path that cannot be
         const connection link;
@@ -248,33 +228,24 @@ TEST_F(server_mode, releases_the_target_when_its_report_cannot_be_made)
     ASSERT_EQ(mount("tmpfs", read_only.c_str(), "tmpfs", MS_RDONLY, nullptr), 0);
     const string file = dir + "/file";
     std::ofstream(file) << "x";
-    for (const string& path :
-         {string(64, 'x'), string("/tmp/missing"), read_only, file, string("relative")}) {
+    // The first has no NUL in all of its field; what follows it is the process number.
+    for (const string& path : {string(64, 'x'), string("/tmp/missing"), read_only, file, string("relative")})
         for (const uint16_t cmd : {CMD_PROCESS_STAT, CMD_THREAD_STAT}) {
-            SCOPED_TRACE(path);
             const size_t mark = daemon.log().size();
-            dumper_frame request = make_request(cmd, idle.pid(), idle.pid(), path);
-            if (path[0] == 'x')
-                request.req_t.pid |= 0;  // no NUL in all of the field; what follows it is the process number
             const connection link;
-            ASSERT_TRUE(link.send_request(request));
-            EXPECT_EQ(link.acknowledgement(), 0);
+            EXPECT_EQ(link.request(of(idle.pid(), cmd, path)), 0);
             EXPECT_TRUE(link.closed_by_server());
             EXPECT_TRUE(idle.runs_untraced());
             const string log = daemon.log_since(mark);
-            EXPECT_NE(log.find("E Dumper: Open dumpstate file '" + path + "/" + to_string(idle.pid()) +
-                               "-dumpstat-"),
-                      string::npos)
-                << log;
-            EXPECT_NE(log.find("E Dumper: Dumper create file failed"), string::npos) << log;
-            EXPECT_NE(log.find("E DumpServer: handle_dump_req failed, ret:-2\n"), string::npos) << log;
+            for (const string& entry :
+                 {"E Dumper: Open dumpstate file '" + path + "/" + to_string(idle.pid()) + "-dumpstat-",
+                  string("E Dumper: Dumper create file failed"),
+                  string("E DumpServer: handle_dump_req failed, ret:-2\n")})
+                EXPECT_NE(log.find(entry), string::npos) << log;
         }
-    }
     // Without a directory there is no report, and the process dump ends at its memory map.
-    const size_t mark = daemon.log().size();
-    EXPECT_EQ(ask(make_request(CMD_PROCESS_STAT, idle.pid(), idle.pid(), "")), 0);
-    EXPECT_TRUE(idle.runs_untraced());
-    EXPECT_NE(daemon.log_since(mark).find("handle_dump_req failed, ret:-1\n"), string::npos) << daemon.log();
+    EXPECT_EQ(ask(of(idle.pid(), CMD_PROCESS_STAT, "")), 0);
+    EXPECT_NE(daemon.log().find("handle_dump_req failed, ret:-1\n"), string::npos) << daemon.log();
     umount(read_only.c_str());
 }
 
@@ -282,14 +253,12 @@ TEST_F(server_mode, writes_no_crash_report_for_a_healthy_process)
 {
     target healthy({"threads", "3"});
     const connection link;
-    ASSERT_TRUE(link.send_request(make_request(CMD_CRASH_DUMP, healthy.pid(), healthy.pid(), dir)));
-    EXPECT_EQ(link.acknowledgement(), 0);
+    EXPECT_EQ(link.request(of(healthy, CMD_CRASH_DUMP)), 0);
     ASSERT_TRUE(daemon.logs("Wait for sigstop timeout"));
     EXPECT_TRUE(healthy.runs_untraced());
     kill(healthy.pid(), SIGKILL);  // what the server now waits for, at most 10 s
     healthy.wait_for_end();
-    link.end_requests();
-    EXPECT_TRUE(link.closed_by_server());
+    EXPECT_TRUE(link.finish());
     EXPECT_TRUE(reports_in(dir).empty());
 }
 
@@ -299,102 +268,76 @@ TEST_F(server_mode, serves_others_whatever_a_peer_does)
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &files), 0);
     files.rlim_cur = std::min<rlim_t>(files.rlim_max, 2048);
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &files), 0);
-    vector<std::unique_ptr<connection>> silent;
-    for (int i = 0; i < 500; i++)
-        silent.push_back(std::make_unique<connection>());
-    for (int i = 0; i < 20; i++) {
-        connection leaver;
-        ASSERT_TRUE(leaver.send_request(of_idle(CMD_PROCESS_STAT)));
-        leaver.close_now();
-    }
+    const std::vector<connection> silent(500);
+    for (int i = 0; i < 20; i++)
+        ASSERT_TRUE(connection().send_request(of(idle, CMD_PROCESS_STAT)));  // and leaves
     // A peer that never reads: more acknowledgements than its buffer takes.
     const connection deaf;
     for (int i = 0; i < 40; i++)
         ASSERT_TRUE(deaf.send_request(make_request(CMD_THREAD_STAT, idle.pid(), 1, "")));
-    target other({"threads", "0"});
-    EXPECT_EQ(ask(make_request(CMD_PROCESS_STAT, other.pid(), other.pid(), dir)), 0);
+    const target other({"threads", "0"});
+    EXPECT_EQ(ask(of(other, CMD_PROCESS_STAT)), 0);
     EXPECT_EQ(reports_in(dir, to_string(other.pid())).size(), 1u);
-    deaf.end_requests();
-    EXPECT_TRUE(eventually([this] { return idle.runs_untraced(); }));
-    silent.clear();
 }
 
 TEST_F(server_mode, lets_other_users_ask_only_for_processes_of_their_own)
 {
-    target theirs({"as_user", to_string(other_user), build_dir() + "/tests/targets/threads", "1"});
-    const string their_dir = fresh_dir(0755);
-    ASSERT_EQ(chown(their_dir.c_str(), other_user, other_user), 0);
     const auto ask_as_other = [](const dumper_frame& request) {
-        std::unique_ptr<connection> link;
-        {
-            const as_other_user user;
-            link = std::make_unique<connection>();
-        }
-        EXPECT_TRUE(link->send_request(request));
-        const int status = link->acknowledgement();
-        link->end_requests();
-        EXPECT_TRUE(link->closed_by_server());
+        const connection link = connect_as_other_user();
+        const int status = link.request(request);
+        EXPECT_TRUE(link.finish());
         return status;
     };
     for (const uint16_t cmd : {CMD_PROCESS_STAT, CMD_THREAD_STAT, CMD_CRASH_DUMP}) {
         const size_t mark = daemon.log().size();
-        EXPECT_EQ(ask_as_other(of_idle(cmd)), -1);
+        EXPECT_EQ(ask_as_other(of(idle, cmd)), -1);
         const string log = daemon.log_since(mark);
         EXPECT_EQ(count_of(log, "\nW DumpServer: User 65534 may not ask"), 1u) << log;
         EXPECT_EQ(log.find("saving to"), string::npos) << log;
     }
-    EXPECT_TRUE(reports_in(dir).empty());
 
-    EXPECT_EQ(ask_as_other(make_request(CMD_PROCESS_STAT, theirs.pid(), theirs.pid(), their_dir)), 0);
-    const vector<string> reports = reports_in(their_dir);
-    ASSERT_EQ(reports.size(), 1u);
-    struct stat file;
-    ASSERT_EQ(stat(reports[0].c_str(), &file), 0);
-    EXPECT_EQ(file.st_uid, other_user);
-    EXPECT_EQ(file.st_gid, other_user);
-    EXPECT_EQ(count_of(file_text(reports[0]), "\nBacktrace:\n"), thread_ids(theirs.pid()).size());
+    const others_process theirs;
+    const string their_dir = fresh_dir();
+    ASSERT_EQ(chown(their_dir.c_str(), other_user, other_user), 0);
+    EXPECT_EQ(ask_as_other(of(theirs.pid(), CMD_PROCESS_STAT, their_dir)), 0);
+    const string report = reports_in(their_dir).at(0);
+    EXPECT_EQ(file_status(report).st_uid, other_user);
+    EXPECT_EQ(file_status(report).st_gid, other_user);
+    EXPECT_EQ(count_of(file_text(report), "\nBacktrace:\n"), thread_ids(theirs.pid()).size());
 
     // The server may write anywhere, the asker may not.
-    EXPECT_EQ(ask_as_other(make_request(CMD_PROCESS_STAT, theirs.pid(), theirs.pid(), dir)), 0);
+    EXPECT_EQ(ask_as_other(of(theirs, CMD_PROCESS_STAT)), 0);
     EXPECT_TRUE(reports_in(dir).empty());
     EXPECT_TRUE(theirs.runs_untraced());
-    EXPECT_EQ(ask(make_request(CMD_PROCESS_STAT, theirs.pid(), theirs.pid(), dir)), 0)
-        << "root asks for anyone";
+    EXPECT_EQ(ask(of(theirs, CMD_PROCESS_STAT)), 0) << "root asks for anyone";
     EXPECT_EQ(reports_in(dir).size(), 1u);
 }
 
 TEST_F(server_mode, refuses_a_process_that_took_the_number_of_the_askers_own)
 {
-    target held({"in_vfork"});
-    const pid_t vfork_child = atoi(read_line(held).c_str());
+    const held_target held;
     const connection first;
-    ASSERT_TRUE(first.send_request(make_request(CMD_THREAD_STAT, held.pid(), held.pid(), dir)));
-    ASSERT_EQ(first.acknowledgement(), 0);
+    ASSERT_EQ(first.request(of(held, CMD_THREAD_STAT)), 0);
 
     // The other user's crash request waits for the first one; meanwhile the process is replaced by one of
     // root.
-    target theirs({"as_user", to_string(other_user), build_dir() + "/tests/targets/threads", "1"});
+    others_process theirs;
     const pid_t number = theirs.pid();
-    std::unique_ptr<connection> link;
-    {
-        const as_other_user user;
-        link = std::make_unique<connection>();
-    }
-    ASSERT_TRUE(link->send_request(make_request(CMD_CRASH_DUMP, number, number, "/tmp")));
+    const connection link = connect_as_other_user();
+    ASSERT_TRUE(link.send_request(of(number, CMD_CRASH_DUMP, "/tmp")));
     EXPECT_TRUE(eventually([this] {
         const vector<pid_t> tids = thread_ids(daemon.pid());
-        return tids.size() == 4 && in_system_call(daemon.pid(), tids.back(), SYS_futex);
+        const string task = "/proc/" + to_string(daemon.pid()) + "/task/" + to_string(tids.back());
+        return tids.size() == 4 && file_text(task + "/syscall").starts_with(to_string(SYS_futex) + " ");
     })) << "the request does not wait";
     kill(number, SIGKILL);
     theirs.wait_for_end();
     ASSERT_EQ(start_as_number(number), number);
-    EXPECT_TRUE(
-        eventually([number] { return file_text("/proc/" + to_string(number) + "/comm") == "threads\n"; }));
-    kill(vfork_child, SIGUSR1);
-    EXPECT_EQ(link->acknowledgement(), -1);
-    EXPECT_TRUE(link->closed_by_server());
-    EXPECT_EQ(count_of(daemon.log(), "W DumpServer[" + to_string(daemon.pid()) + "]: User 65534 may not ask"),
-              1u);
+    EXPECT_TRUE(eventually([number] { return thread_status(number, number, "Name") == "threads"; }));
+    held.wake();
+    EXPECT_EQ(link.acknowledgement(), -1);
+    EXPECT_TRUE(link.closed_by_server());
+    EXPECT_EQ(count_of(daemon.log_since(0), "W DumpServer: User 65534 may not ask"), 1u);
     EXPECT_EQ(thread_status(number, number, "TracerPid"), "0");
     EXPECT_NE(thread_state(number, number), 'T');
     kill(number, SIGKILL);
@@ -403,81 +346,57 @@ TEST_F(server_mode, refuses_a_process_that_took_the_number_of_the_askers_own)
 
 TEST_F(server_mode, ends_a_request_whose_target_is_killed)
 {
-    for (int round = 0; round < 12; round++) {
+    for (int round = 0; round < 8; round++) {
         target victim({"threads", "8", "20"});
         const connection link;
-        const bool crash = round % 4 == 3;
-        ASSERT_TRUE(link.send_request(
-            make_request(crash ? CMD_CRASH_DUMP : CMD_PROCESS_STAT, victim.pid(), victim.pid(), dir)));
-        EXPECT_EQ(link.acknowledgement(), 0);
+        EXPECT_EQ(link.request(of(victim, round % 4 == 3 ? CMD_CRASH_DUMP : CMD_PROCESS_STAT)), 0);
         usleep(static_cast<useconds_t>(round) * 2000);  // any moment will do
         kill(victim.pid(), SIGKILL);
-        EXPECT_TRUE(WIFSIGNALED(victim.wait_for_end())) << "its parent waits for ever";
-        link.end_requests();
-        EXPECT_TRUE(link.closed_by_server());
+        EXPECT_TRUE(victim.dies_by(SIGKILL)) << "its parent waits for ever";
+        EXPECT_TRUE(link.finish());
     }
 }
 
-// The stop of a thread that waits for its vfork's child comes when the test says: so long a request goes on.
+// A thread that waits for its vfork's child stops when the test says: so long a request goes on.
 TEST_F(server_mode, runs_status_requests_side_by_side_and_a_crash_request_alone)
 {
-    target held[2] = {target({"in_vfork"}), target({"in_vfork"})};
-    const pid_t children[2] = {atoi(read_line(held[0]).c_str()), atoi(read_line(held[1]).c_str())};
+    const held_target held[2];
     const connection links[2];
-    for (int i = 0; i < 2; i++) {
-        ASSERT_TRUE(links[i].send_request(make_request(CMD_THREAD_STAT, held[i].pid(), held[i].pid(), dir)));
-        ASSERT_EQ(links[i].acknowledgement(), 0) << "acknowledged before the report, beside the other";
-    }
-    EXPECT_EQ(count_of(daemon.log(), "takes:"), 0u);
+    for (int i = 0; i < 2; i++)
+        ASSERT_EQ(links[i].request(of(held[i], CMD_THREAD_STAT)), 0) << "before the report, beside the other";
+    const connection second;
+    EXPECT_EQ(second.request(of(held[0], CMD_PROCESS_STAT)), -1) << "another request holds it";
+    EXPECT_TRUE(second.closed_by_server());
     target crashing({build_dir() + "/examples/crash_sample", "wait"});
     const connection crash_link;
-    ASSERT_TRUE(crash_link.send_request(make_request(CMD_CRASH_DUMP, crashing.pid(), crashing.pid(), dir)));
+    ASSERT_TRUE(crash_link.send_request(of(crashing, CMD_CRASH_DUMP)));
     EXPECT_EQ(crash_link.acknowledgement(nullptr, 100), no_answer);
-    EXPECT_EQ(count_of(daemon.log(), "takes:"), 0u);
-    for (const pid_t child : children)
-        kill(child, SIGUSR1);
+    EXPECT_EQ(count_of(daemon.log(), "0xae03 takes:"), 0u);
+    for (const auto& one : held)
+        one.wake();
     EXPECT_EQ(crash_link.acknowledgement(), 0);
     EXPECT_EQ(count_of(daemon.log(), "Handle_dump_req 0xae03 takes:"), 2u);
     kill(crashing.pid(), SIGABRT);
-    const int status = crashing.wait_for_end();
-    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT) << "sent again after the report";
-}
-
-TEST_F(server_mode, refuses_a_target_that_another_request_holds)
-{
-    target held({"in_vfork"});
-    const pid_t child = atoi(read_line(held).c_str());
-    const connection first;
-    ASSERT_TRUE(first.send_request(make_request(CMD_THREAD_STAT, held.pid(), held.pid(), dir)));
-    ASSERT_EQ(first.acknowledgement(), 0);
-    const connection second;
-    ASSERT_TRUE(second.send_request(make_request(CMD_PROCESS_STAT, held.pid(), held.pid(), dir)));
-    EXPECT_EQ(second.acknowledgement(), -1);
-    EXPECT_TRUE(second.closed_by_server());
-    kill(child, SIGUSR1);
-    first.end_requests();
-    EXPECT_TRUE(first.closed_by_server());
-    EXPECT_TRUE(held.runs_untraced());
+    EXPECT_TRUE(crashing.dies_by(SIGABRT)) << "sent again after the report";
+    EXPECT_TRUE(held[0].runs_untraced() && held[1].runs_untraced());
 }
 
 TEST(server_start, takes_the_socket_over_from_a_server_and_from_one_that_has_ended)
 {
-    target idle({"threads", "0"});
+    const target idle({"threads", "0"});
     const dumper_frame request = make_request(CMD_THREAD_STAT, idle.pid(), idle.pid(), fresh_dir());
-    server first;
+    const server first;
     const connection old_link;
-    ASSERT_TRUE(old_link.send_request(request));
-    EXPECT_EQ(old_link.acknowledgement(), 0);
+    EXPECT_EQ(old_link.request(request), 0);
     ASSERT_TRUE(first.logs(" takes:"));
     {
         const server second;
         EXPECT_EQ(ask(request), 0);
         EXPECT_EQ(count_of(second.log(), " takes:"), 1u);
-        EXPECT_TRUE(old_link.send_request(request));
-        EXPECT_EQ(old_link.acknowledgement(), 0) << "what is connected stays served";
+        EXPECT_EQ(old_link.request(request), 0) << "what is connected stays served";
         ASSERT_TRUE(first.logs(" takes:", 2));
     }
-    EXPECT_FALSE(connection().is_open());
+    EXPECT_EQ(connection().server_pid(), 0);
     EXPECT_TRUE(first.lives());
     const server third;
     EXPECT_EQ(ask(request), 0);
@@ -485,21 +404,22 @@ TEST(server_start, takes_the_socket_over_from_a_server_and_from_one_that_has_end
 
 TEST_F(server_mode, is_asked_by_the_example)
 {
-    const string program = build_dir() + "/examples/request_status";
-    const tool_run whole = run_program({program, to_string(idle.pid()), dir});
-    EXPECT_EQ(whole.out, "acknowledgement 0x51fd, status 0 (attached)\nreport: " + dir + "/" +
-                             to_string(idle.pid()) + "-dumpstat-*.log\n");
+    const auto run = [](vector<string> args) {
+        args.insert(args.begin(), build_dir() + "/examples/request_status");
+        return run_program(args);
+    };
+    const string pid = to_string(idle.pid());
+    const tool_run whole = run({pid, dir});
+    EXPECT_EQ(whole.out, "acknowledgement 0x51fd, status 0 (attached)\nreport: " + dir + "/" + pid +
+                             "-dumpstat-*.log\n");
     EXPECT_EQ(whole.status, 0);
-    const vector<string> reports = reports_in(dir);
-    ASSERT_EQ(reports.size(), 1u);
-    EXPECT_EQ(count_of(file_text(reports[0]), "\nKernel Trace:\n"), thread_ids(idle.pid()).size())
+    EXPECT_EQ(count_of(file_text(reports_in(dir).at(0)), "\nKernel Trace:\n"), thread_ids(idle.pid()).size())
         << "complete when the program has ended";
 
-    EXPECT_EQ(run_program({program, to_string(idle.pid()), to_string(other_thread()), dir}).status, 0);
-    const tool_run foreign = run_program({program, to_string(idle.pid()), "1", dir});
+    EXPECT_EQ(run({pid, to_string(idle.other_thread()), dir}).status, 0);
+    const tool_run foreign = run({pid, "1", dir});
     EXPECT_EQ(foreign.out, "acknowledgement 0x51fc, status -3 (no such thread)\n");
     EXPECT_EQ(WEXITSTATUS(foreign.status), 1);
-    EXPECT_NE(run_program({program, "0", dir}).err.find("closed without an answer"), string::npos);
-    EXPECT_EQ(WEXITSTATUS(run_program({program, to_string(idle.pid()), "/tmp/" + string(70, 'x')}).status),
-              2);
+    EXPECT_NE(run({"0", dir}).err.find("closed without an answer"), string::npos);
+    EXPECT_EQ(WEXITSTATUS(run({pid, "/tmp/" + string(70, 'x')}).status), 2);
 }

@@ -14,7 +14,6 @@
 #include <string>
 
 #include "support/log_capture.h"
-#include "support/log_daemon.h"
 #include "support/target.h"
 
 using std::string;
@@ -74,7 +73,6 @@ int main(int argc, char** argv)
         const string build = build_dir();
         mount_over("/tmp", "mode=1777",
                    build.starts_with("/tmp/") ? std::vector{build} : std::vector<string>{});
-        keep_machine_log();
         mount_over("/dev", "mode=755",
                    {"/dev/null", "/dev/zero", "/dev/full", "/dev/random", "/dev/urandom", "/dev/tty",
                     "/dev/pts", "/dev/shm"});

@@ -11,61 +11,36 @@
 using std::string;
 using std::vector;
 
-namespace
-{
-// Walks over a text line by line.
-class line_reader
-{
-    std::stringstream lines;
-    string line;
-    bool more;
-
-public:
-    explicit line_reader(const string& text) : lines(text) { more = static_cast<bool>(getline(lines, line)); }
-    bool at_end() const { return !more; }
-    // The line when it begins like that, and then on to the next; else an empty text.
-    string take(const string& begin)
-    {
-        if (!more || !line.starts_with(begin))
-            return "";
-        string taken = line;
-        more = static_cast<bool>(getline(lines, line));
-        return taken;
-    }
-    bool heading(const string& text)
-    {
-        if (!more || !line.empty())
-            return false;
-        more = static_cast<bool>(getline(lines, line));
-        return take(text) == text;
-    }
-};
-
-}  // namespace
-
 thread_block parse_block(const string& text)
 {
+    std::string_view rest = text;
+    // The lines that follow and begin like that. A heading is one with the empty line before it.
+    const auto take = [&rest](std::string_view begin) {
+        std::vector<string> lines;
+        while (rest.starts_with(begin)) {
+            const size_t end = std::min(rest.find('\n', begin.size() - 1), rest.size() - 1);
+            lines.emplace_back(rest.substr(0, end));
+            rest.remove_prefix(end + 1);
+        }
+        return lines;
+    };
     thread_block block;
     block.text = text;
-    line_reader lines(text);
-    const bool named = !lines.take("Cmdline: ").empty();
-    const string numbers = lines.take("pid: ");
-    if (!named || sscanf(numbers.c_str(), "pid: %d, tid: %d, ", &block.pid, &block.tid) != 2)
+    const auto has_one = [&take](std::string_view begin) { return take(begin).size() == 1; };
+    bool whole = has_one("Cmdline: ");
+    const auto numbers = take("pid: ");
+    if (numbers.size() != 1 || sscanf(numbers[0].c_str(), "pid: %d, tid: %d, ", &block.pid, &block.tid) != 2)
         return block;
-    block.names = numbers.substr(std::min(numbers.find("process: "), numbers.size()));
-    if (lines.take("Thread stat:" + std::to_string(block.tid) + " (").empty())
-        return block;
-    block.statistics = lines.take("Core=");
-    bool good = !block.statistics.empty() && lines.heading("Register:");
-    for (string line; !(line = lines.take("    ")).empty();)
+    block.names = numbers[0].substr(std::min(numbers[0].find("process: "), numbers[0].size()));
+    whole &= has_one("Thread stat:" + std::to_string(block.tid) + " (") && has_one("Core=") &&
+             has_one("\nRegister:\n");
+    for (const string& line : take("    "))
         block.registers += line + '\n';
-    good = good && !block.registers.empty() && lines.heading("Backtrace:");
-    for (string frame; !(frame = lines.take("#")).empty();)
-        block.frames.push_back(frame);
-    good = good && !block.frames.empty() && lines.heading("Kernel Trace:");
-    for (string line; !(line = lines.take("  ")).empty();)
-        block.kernel_trace.push_back(line);
-    block.whole = good && lines.at_end() && text.ends_with('\n');
+    whole &= !block.registers.empty() && has_one("\nBacktrace:\n");
+    block.frames = take("#");
+    whole &= !block.frames.empty() && has_one("\nKernel Trace:\n");
+    block.kernel_trace = take("  ");
+    block.whole = whole && rest.empty() && text.ends_with('\n');
     return block;
 }
 

@@ -24,63 +24,34 @@ using std::vector;
 
 namespace
 {
-ino_t socket_inode()
+string log_file(pid_t pid)
 {
-    struct stat file;
-    return stat(dump_server_socket, &file) == 0 ? file.st_ino : 0;
+    return "/tmp/server-" + std::to_string(pid) + ".log";
+}
+
+vector<string> command_line(vector<string> args)
+{
+    args.insert(args.begin(), build_dir() + "/dump_server");
+    return args;
+}
+
+void open_log()
+{
+    umask(0);
+    dup2(open(log_file(getpid()).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0600),
+         STDERR_FILENO);
 }
 
 }  // namespace
 
-server::server(vector<string> args, const std::function<void()>& in_child)
+server::server(const vector<string>& args)
+    : target(command_line(args), false, open_log), log_path(log_file(pid()))
 {
-    static int number = 0;
-    log_path = "/tmp/server-" + std::to_string(number++) + ".log";
-    args.insert(args.begin(), build_dir() + "/dump_server");
-    vector<char*> argv;
-    for (string& arg : args)
-        argv.push_back(arg.data());
-    argv.push_back(nullptr);
-
-    const ino_t earlier = socket_inode();
-    const int log_file = open(log_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0600);
-    child = fork();
-    if (child == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        dup2(log_file, STDERR_FILENO);
-        if (in_child)
-            in_child();
-        execv(argv[0], argv.data());
-        _exit(127);
-    }
-    close(log_file);
-    // A socket other than an earlier server's, and a first connection whose end leaves the state of rest.
-    eventually([earlier] { return socket_inode() != earlier && connection().is_open(); });
-    if (!logs("Dumper socket accepted") || !eventually([this] { return thread_ids(child).size() == 2; }))
+    // The end of a first connection leaves the state of rest.
+    eventually([this] { return connection().server_pid() == pid(); });
+    if (!logs("Dumper socket accepted") || !eventually([this] { return thread_ids(pid()).size() == 2; }))
         fprintf(stderr, "the server did not get ready:\n%s", log().c_str());
     idle_descriptors = open_descriptors();
-}
-
-server::~server()
-{
-    if (child > 0) {
-        kill(child, SIGKILL);
-        waitpid(child, nullptr, 0);
-    }
-}
-
-bool server::lives() const
-{
-    return child > 0 && waitpid(child, nullptr, WNOHANG) == 0;
-}
-
-int server::wait_for_end(int limit_ms)
-{
-    int status = -1;
-    if (!eventually([&] { return waitpid(child, &status, WNOHANG) == child; }, limit_ms))
-        return -1;
-    child = -1;
-    return status;
 }
 
 string server::log() const
@@ -91,7 +62,7 @@ string server::log() const
 string server::log_since(size_t mark) const
 {
     string text = log().substr(mark);
-    const string number = "[" + std::to_string(child) + "]";
+    const string number = "[" + std::to_string(pid()) + "]";
     for (size_t at; (at = text.find(number)) != string::npos;)
         text.erase(at, number.size());
     return text;
@@ -105,7 +76,7 @@ bool server::logs(const string& text, size_t times) const
 size_t server::open_descriptors() const
 {
     std::error_code error;
-    const std::filesystem::directory_iterator fds("/proc/" + std::to_string(child) + "/fd", error);
+    const std::filesystem::directory_iterator fds("/proc/" + std::to_string(pid()) + "/fd", error);
     return static_cast<size_t>(std::distance(begin(fds), end(fds)));
 }
 
@@ -113,21 +84,28 @@ bool server::is_idle() const
 {
     constexpr size_t pipe_of_unwinder = 2;  // which it keeps from its first use on
     const bool idle = eventually([this] {
-        return thread_ids(child).size() == 2 && open_descriptors() <= idle_descriptors + pipe_of_unwinder;
+        return thread_ids(pid()).size() == 2 && open_descriptors() <= idle_descriptors + pipe_of_unwinder;
     });
     if (!idle)
-        fprintf(stderr, "%zu threads, %zu descriptors instead of 2 and %zu\n", thread_ids(child).size(),
+        fprintf(stderr, "%zu threads, %zu descriptors instead of 2 and %zu\n", thread_ids(pid()).size(),
                 open_descriptors(), idle_descriptors);
     return idle;
 }
 
 connection::connection() : fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
 {
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
+    sockaddr_un address = {AF_UNIX, {}};
     strcpy(address.sun_path, dump_server_socket);
     if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0)
         close_now();
+}
+
+pid_t connection::server_pid() const
+{
+    ucred peer = {};
+    socklen_t length = sizeof(peer);
+    getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length);
+    return peer.pid;
 }
 
 void connection::close_now()
@@ -164,9 +142,20 @@ bool connection::closed_by_server(int limit_ms) const
     return poll(&readable, 1, limit_ms) == 1 && recv(fd, &byte, 1, 0) <= 0;
 }
 
+int connection::request(const dumper_frame& request, uint16_t* cmd) const
+{
+    return send_request(request) ? acknowledgement(cmd) : no_answer;
+}
+
 void connection::end_requests() const
 {
     shutdown(fd, SHUT_WR);
+}
+
+bool connection::finish() const
+{
+    end_requests();
+    return closed_by_server(60000);
 }
 
 dumper_frame make_request(uint16_t cmd, pid_t pid, pid_t tid, const string& dir)
@@ -183,11 +172,8 @@ dumper_frame make_request(uint16_t cmd, pid_t pid, pid_t tid, const string& dir)
 int ask(const dumper_frame& request, uint16_t* cmd)
 {
     const connection link;
-    if (!link.send_request(request))
-        return no_answer;
-    link.end_requests();
-    const int status = link.acknowledgement(cmd);
-    return status == no_answer || link.closed_by_server(60000) ? status : no_answer;
+    const int status = link.request(request, cmd);
+    return link.finish() ? status : no_answer;
 }
 
 vector<string> reports_in(const string& dir, const string& part)
@@ -197,14 +183,6 @@ vector<string> reports_in(const string& dir, const string& part)
         if (entry.path().filename().string().find(part) != string::npos)
             paths.push_back(entry.path());
     return paths;
-}
-
-string read_line(target& program)
-{
-    string line;
-    for (string byte; (byte = program.read_output(1)) != "\n" && !byte.empty();)
-        line += byte;
-    return line;
 }
 
 string fresh_dir(mode_t mode)

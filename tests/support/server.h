@@ -3,29 +3,21 @@
 
 #include <sys/types.h>
 
-#include <functional>
 #include <string>
 #include <vector>
 
 #include "dumper_common.h"
+#include "support/target.h"
 
-class server
+class server : public target
 {
-    pid_t child = -1;
     std::string log_path;
     size_t idle_descriptors = 0;
 
 public:
-    // Returns when the server listens. in_child runs before the exec.
-    explicit server(std::vector<std::string> args = {"-s"}, const std::function<void()>& in_child = {});
-    ~server();
-    server(const server&) = delete;
-    server& operator=(const server&) = delete;
+    // Returns when the server listens.
+    explicit server(const std::vector<std::string>& args = {"-s"});
 
-    pid_t pid() const { return child; }
-    bool lives() const;
-    // Waits for its end at most limit_ms: the status of waitpid, or -1.
-    int wait_for_end(int limit_ms = 10000);
     // All its log entries so far, each a line like "I DumpServer[812]: text".
     std::string log() const;
     // The entries behind a mark (an earlier log().size()), without the process number.
@@ -51,15 +43,20 @@ public:
     connection(const connection&) = delete;
     connection& operator=(const connection&) = delete;
 
-    bool is_open() const { return fd >= 0; }
+    // Who listens at the other end; 0 when there is none.
+    pid_t server_pid() const;
     bool send_bytes(const void* bytes, size_t length) const;
     bool send_request(const dumper_frame& request) const { return send_bytes(&request, sizeof(request)); }
     // The next acknowledgement's status; no_answer when the server closes or limit_ms pass. Its code in *cmd.
     int acknowledgement(uint16_t* cmd = nullptr, int limit_ms = 10000) const;
     // Whether the server closes without a further byte.
     bool closed_by_server(int limit_ms = 10000) const;
+    // Sends a request and returns its acknowledgement, like that.
+    int request(const dumper_frame& request, uint16_t* cmd = nullptr) const;
     // No request will follow: the server closes when it has finished the last.
     void end_requests() const;
+    // Waits for that.
+    bool finish() const;
     void close_now();
 };
 
@@ -70,10 +67,6 @@ int ask(const dumper_frame& request, uint16_t* cmd = nullptr);
 
 // Paths of the reports in a directory whose names hold this text.
 std::vector<std::string> reports_in(const std::string& dir, const std::string& part = "");
-
-class target;
-// The next line of a target's standard output, without its newline.
-std::string read_line(target& program);
 
 // A new, empty directory below /tmp.
 std::string fresh_dir(mode_t mode = 0755);

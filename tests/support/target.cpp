@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <limits.h>
 #include <poll.h>
-#include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -12,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <sstream>
 
 using std::string;
 using std::vector;
@@ -28,8 +28,7 @@ string build_dir()
 
 char thread_state(pid_t pid, pid_t tid)
 {
-    const string state = thread_status(pid, tid, "State");
-    return state.empty() ? '\0' : state[0];
+    return thread_status(pid, tid, "State")[0];
 }
 
 string thread_status(pid_t pid, pid_t tid, const string& key)
@@ -37,7 +36,7 @@ string thread_status(pid_t pid, pid_t tid, const string& key)
     std::ifstream file("/proc/" + std::to_string(pid) + "/task/" + std::to_string(tid) + "/status");
     string line;
     while (getline(file, line))
-        if (line.compare(0, key.size() + 1, key + ":") == 0)
+        if (line.starts_with(key + ":"))
             return line.substr(line.find_first_not_of(" \t", key.size() + 1));
     return "";
 }
@@ -55,12 +54,19 @@ vector<pid_t> thread_ids(pid_t pid)
     return ids;
 }
 
+string file_text(const string& path)
+{
+    std::stringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+}
+
 bool sleep_one_ms()
 {
     return usleep(1000) == 0;
 }
 
-target::target(vector<string> argv, bool wait_for_byte)
+target::target(vector<string> argv, bool wait_for_byte, const std::function<void()>& in_child)
 {
     if (argv[0].find('/') == string::npos)
         argv[0] = build_dir() + "/tests/targets/" + argv[0];
@@ -76,7 +82,9 @@ target::target(vector<string> argv, bool wait_for_byte)
     if (child == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         dup2(ends[1], STDOUT_FILENO);
-        execvp(args[0], args.data());
+        if (in_child)
+            in_child();
+        execv(args[0], args.data());
         _exit(127);
     }
     close(ends[1]);
@@ -94,18 +102,27 @@ target::~target()
     }
 }
 
-string target::read_output(size_t bytes)
+pid_t target::other_thread() const
+{
+    for (const pid_t tid : thread_ids(child))
+        if (tid != child)
+            return tid;
+    return -1;
+}
+
+string target::read_output(size_t bytes) const
 {
     string text;
     pollfd readable = {output, POLLIN, 0};
-    while (text.size() < bytes && poll(&readable, 1, 10000) == 1) {
-        char buf[4096];
-        const ssize_t got = read(output, buf, std::min(sizeof(buf), bytes - text.size()));
-        if (got <= 0)
-            break;
-        text.append(buf, static_cast<size_t>(got));
-    }
+    char byte;
+    while (text.size() < bytes && poll(&readable, 1, 10000) == 1 && read(output, &byte, 1) == 1)
+        text += byte;
     return text;
+}
+
+bool target::lives() const
+{
+    return child > 0 && waitpid(child, nullptr, WNOHANG) == 0;
 }
 
 int target::wait_for_end(int limit_ms)
@@ -117,19 +134,32 @@ int target::wait_for_end(int limit_ms)
     return status;
 }
 
+bool target::dies_by(int signo)
+{
+    const int status = wait_for_end();
+    if (status == -1 || !WIFSIGNALED(status) || WTERMSIG(status) != signo)
+        fprintf(stderr, "status %x, thread state %c\n", status, thread_state(child, child));
+    return status != -1 && WIFSIGNALED(status) && WTERMSIG(status) == signo;
+}
+
 bool target::runs_untraced() const
 {
-    return eventually(
-        [this] {
-            for (const pid_t tid : thread_ids(child)) {
-                const char state = thread_state(child, tid);
-                if (state == 't' || state == 'T')
-                    return false;
-                const string tracer = thread_status(child, tid, "TracerPid");
-                if (!tracer.empty() && tracer != "0")
-                    return false;
-            }
-            return true;
-        },
-        1000);
+    return eventually([this] {
+        for (const pid_t tid : thread_ids(child)) {
+            const char state = thread_state(child, tid);
+            const string tracer = thread_status(child, tid, "TracerPid");
+            if (state == 't' || state == 'T' || (!tracer.empty() && tracer != "0"))
+                return false;
+        }
+        return true;
+    });
+}
+
+held_target::held_target(vector<string> argv) : target(std::move(argv), false)
+{
+    const string numbers = read_output(20);
+    tid = atoi(numbers.substr(0, 10).c_str());
+    child = atoi(numbers.substr(10).c_str());
+    if (!eventually([this] { return thread_state(pid(), tid) == 'D'; }))
+        fprintf(stderr, "no held target: '%s'\n", numbers.c_str());
 }

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "support/target.h"
+
 struct tool_run {
     int status;       // of waitpid; -1 when it had to be killed at the limit
     std::string out;  // standard output
@@ -15,28 +17,31 @@ struct tool_run {
     double ms;
 };
 
-// Runs <build>/dump_server with these arguments. in_child runs in the child before the exec.
-tool_run run_tool(const std::vector<std::string>& args, const std::function<void()>& in_child = {},
-                  int limit_ms = 20000);
-
-// The same for any program; argv[0] is its path.
-tool_run run_program(const std::vector<std::string>& argv, const std::function<void()>& in_child = {},
-                     int limit_ms = 20000);
-
-// A run that goes on while the test does something to it: finish() waits for its end.
-struct started_tool {
-    pid_t pid;
+// A run that goes on while the test does something to it. argv[0] is its path; in_child runs in the child
+// before the exec.
+class running_program
+{
+    // Unnamed files take the output: no pipe can fill up and hold the program.
     int out;
     int err;
     timeval start;
+    target program;
+
+public:
+    explicit running_program(const std::vector<std::string>& argv,
+                             const std::function<void()>& in_child = {});
+    pid_t pid() const { return program.pid(); }
+    // Waits for its end, at most 20 s.
+    tool_run finish();
 };
-started_tool start_program(const std::vector<std::string>& argv, const std::function<void()>& in_child = {});
-tool_run finish(const started_tool& started, int limit_ms = 20000);
+
+tool_run run_program(const std::vector<std::string>& argv, const std::function<void()>& in_child = {});
+
+// The same for <build>/dump_server with these arguments.
+tool_run run_tool(const std::vector<std::string>& args, const std::function<void()>& in_child = {});
 
 // The log entries in a run's standard error as "E Dumper: text", its times as "#".
 std::vector<std::string> log_entries(const std::string& err);
-
-std::string file_text(const std::string& path);
 
 // The part of a report from a heading up to the next text that starts like `until` (the end when absent).
 std::string section(const std::string& report, const std::string& from, const std::string& until);
