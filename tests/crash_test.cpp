@@ -29,28 +29,19 @@ namespace
 const string banner = "****************** Process crash dump stat ******************\n";
 
 // The sample with the library, its reports in dir.
-class crashing : public target
-{
-public:
-    crashing(const string& dir, vector<string> args, vector<string> through = {})
-        : target(prepare(dir, std::move(args), std::move(through)))
+struct crashing : target {
+    crashing(const string& dir, const vector<string>& args, vector<string> command = {})
+        : target((command.push_back(build_dir() + "/examples/crash_sample"),
+                  command.insert(command.end(), args.begin(), args.end()), command),
+                 true, [&dir] {
+                     // A copy that every user can load.
+                     const string library = "/tmp/libcrash_reporter.so";
+                     std::filesystem::copy_file(build_dir() + "/examples/libcrash_reporter.so", library,
+                                                std::filesystem::copy_options::skip_existing);
+                     setenv("LD_PRELOAD", library.c_str(), 1);
+                     setenv("CRASH_REPORT_DIR", dir.c_str(), 1);
+                 })
     {
-        unsetenv("LD_PRELOAD");
-        unsetenv("CRASH_REPORT_DIR");
-    }
-
-private:
-    static vector<string> prepare(const string& dir, vector<string> args, vector<string> through)
-    {
-        // A copy that every user can load.
-        const string library = "/tmp/libcrash_reporter.so";
-        std::filesystem::copy_file(build_dir() + "/examples/libcrash_reporter.so", library,
-                                   std::filesystem::copy_options::skip_existing);
-        setenv("LD_PRELOAD", library.c_str(), 1);
-        setenv("CRASH_REPORT_DIR", dir.c_str(), 1);
-        through.push_back(build_dir() + "/examples/crash_sample");
-        through.insert(through.end(), args.begin(), args.end());
-        return through;
     }
 };
 

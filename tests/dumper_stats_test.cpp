@@ -18,15 +18,9 @@ using std::vector;
 
 namespace
 {
-// A stat line of the target with the fields behind its name.
-string stat_line(pid_t pid, const string& name, const string& fields)
-{
-    return std::to_string(pid) + " (" + name + ") " + fields + "\n";
-}
-
 //                      state       utime             priority    start       core  policy
 const char* fields_39 =
-    "S 1 2 3 4 5 6 7 8 9 10 111 222 0 0 -51 0 1 0 100 4096 77 0 0 0 0 0 0 0 0 0 0 0 0 0 0 3 0 2";
+    "S 1 2 3 4 5 6 7 8 9 10 111 222 0 0 -51 0 1 0 100 4096 77 0 0 0 0 0 0 0 0 0 0 0 0 0 0 3 0 2\n";
 
 }  // namespace
 
@@ -39,7 +33,7 @@ protected:
 
 TEST_F(statistics, show_the_fields_of_the_stat_line)
 {
-    const string line = stat_line(pid, "sleeper", fields_39);
+    const string line = std::to_string(pid) + " (sleeper) " + fields_39;
     const mounted_file stat(task_file(pid, pid, "stat"), line);
     const mounted_file schedstat(task_file(pid, pid, "schedstat"), "12 34 56\n");
     stringstream ss;
@@ -67,28 +61,25 @@ TEST_F(statistics, show_the_fields_of_the_stat_line)
 
 TEST_F(statistics, survive_any_process_name_and_any_stat_line)
 {
-    const struct {
-        string line;
-        int result;
-        vector<string> fields;
-    } cases[] = {
-        {stat_line(pid, "a b  c", "R 1"), 0, {"R", "1"}},
-        {stat_line(pid, "a) Z (b", "R 1"), 0, {"Z", "(b)", "R", "1"}},  // split behind the first ")"
-        {stat_line(pid, "a\nb", "R  1   2 "), 0, {"R", "1", "2"}},
-        {std::to_string(pid) + " (open S 1 2\n", -3, {}},
-        {std::to_string(pid) + " (sleeper)\n", -3, {}},
-        {std::to_string(pid) + " (sleeper) \n", -3, {}},
+    const vector<std::pair<string, vector<string>>> cases = {
+        {"(a b  c) R 1\n", {"R", "1"}},
+        {"(a) Z (b) R 1\n", {"Z", "(b)", "R", "1"}},  // split behind the first ")"
+        {"(a\nb) R  1   2 \n", {"R", "1", "2"}},
+        {"(open S 1 2\n", {}},
+        {"(sleeper)\n", {}},
+        {"(sleeper) \n", {}},
     };
-    for (const auto& c : cases) {
-        const mounted_file stat(task_file(pid, pid, "stat"), c.line);
+    for (const auto& [rest, expected] : cases) {
+        const string line = std::to_string(pid) + " " + rest;
+        const mounted_file stat(task_file(pid, pid, "stat"), line);
         dumper_test job(pid, pid);
         vector<string> fields;
-        EXPECT_EQ(job.stat_line(pid, fields), c.result) << c.line;
-        EXPECT_EQ(fields, c.fields);
+        EXPECT_EQ(job.stat_line(pid, fields), expected.empty() ? -3 : 0) << line;
+        EXPECT_EQ(fields, expected);
         // All these have too few fields: the raw line is the last that is written.
         stringstream ss;
         EXPECT_EQ(job.thread_info(&ss, pid), -3);
-        EXPECT_TRUE(ss.str().ends_with("\nThread stat:" + c.line)) << ss.str();
+        EXPECT_TRUE(ss.str().ends_with("\nThread stat:" + line)) << ss.str();
     }
 }
 

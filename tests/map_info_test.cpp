@@ -40,10 +40,8 @@ protected:
 TEST_F(maps, keep_named_executable_lines_only)
 {
     const string long_name = "/" + string(3000, 'l');
-    const struct {
-        string line;
-        string name;  // empty: left out
-    } cases[] = {
+    // The line, and the name it is listed under: none when it is left out.
+    const vector<std::pair<string, string>> cases = {
         {"1000-2000 r-xp 00001000 fd:00 131        /usr/lib/libc.so.6\n", "/usr/lib/libc.so.6"},
         {"1000-2000 r-xp 00000000 00:00 0          [vdso]\n", "[vdso]"},
         {"1000-2000 r-xp 00000000 00:00 0 \n", ""},
@@ -61,12 +59,11 @@ TEST_F(maps, keep_named_executable_lines_only)
         {"", ""},
         {"1000-2000 r-xp 00000000 fd:00 7 " + long_name + "\n", long_name.substr(0, 1023 - 32)},
     };
-    for (const auto& c : cases) {
-        const mounted_file crafted(file, c.line);
+    for (const auto& [line, name] : cases) {
+        const mounted_file crafted(file, line);
         process_map_info list(sleeper.pid());
         EXPECT_EQ(list.process_create_map_info_list(), 0);
-        EXPECT_EQ(map_info_test::names(list), c.name.empty() ? vector<string>{} : vector<string>{c.name})
-            << c.line;
+        EXPECT_EQ(map_info_test::names(list), name.empty() ? vector<string>{} : vector{name}) << line;
         list.process_destroy_map_info_list();
         EXPECT_TRUE(map_info_test::names(list).empty());
     }
@@ -82,17 +79,14 @@ TEST_F(maps, find_the_mapping_of_an_address_and_print_every_line_afresh)
     process_map_info list(sleeper.pid());
     ASSERT_EQ(list.process_create_map_info_list(), 0);
     EXPECT_EQ(map_info_test::names(list), (vector<string>{"[last]", "/usr/bin/short", "/usr/bin/tool"}));
-    const struct {
-        uintptr_t address;
-        const char* name;
-    } cases[] = {
+    const std::pair<uintptr_t, const char*> cases[] = {
         {0x5554ffff, nullptr},          {0x55550000, "/usr/bin/tool"}, {0x5555ffff, "/usr/bin/tool"},
         {0x55560000, "/usr/bin/short"}, {0x55570000, nullptr},         {0x5557ffff, nullptr},
         {0xffffffffff600fff, "[last]"}, {0xffffffffff601000, nullptr},
     };
-    for (const auto& c : cases) {
-        const map_info* mi = list.process_find_map_info(c.address);
-        EXPECT_STREQ(mi != nullptr ? mi->name : nullptr, c.name) << std::hex << c.address;
+    for (const auto& [address, name] : cases) {
+        const map_info* mi = list.process_find_map_info(address);
+        EXPECT_STREQ(mi != nullptr ? mi->name : nullptr, name) << std::hex << address;
     }
     const map_info* whole = list.process_find_map_info(0x55550000);
     EXPECT_TRUE(whole->is_readable && !whole->is_writable && whole->is_executable);

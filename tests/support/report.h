@@ -13,7 +13,7 @@ struct thread_block {
     std::string text;
     pid_t pid = -1;
     pid_t tid = -1;
-    std::string names;  // "process: threads, thread: worker 1"
+    std::string names;      // "process: threads, thread: worker 1"
     std::string registers;  // the section's lines
     std::vector<std::string> frames;
     std::vector<std::string> kernel_trace;
