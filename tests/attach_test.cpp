@@ -1,4 +1,5 @@
 // Attach, stop wait and release of single threads, in this process.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/ptrace.h>
@@ -30,8 +31,9 @@ TEST(attach, refuses_what_is_not_there_without_touching_it)
     dumper_test again(program.pid(), program.pid());
     ASSERT_EQ(again.job.attach_thread(-1), 0);
     EXPECT_EQ(again.job.attach_thread(-1), -1);
-    EXPECT_TRUE(was_logged(ANDROID_LOG_ERROR, "Ptrace attach tid:" + std::to_string(program.pid()) +
-                                                  " failed: Operation not permitted\n"));
+    EXPECT_THAT(log_as_text(),
+                testing::HasSubstr("6 Dumper: Ptrace attach tid:" + std::to_string(program.pid()) +
+                                   " failed: Operation not permitted\n"));
     ASSERT_EQ(again.job.attach_thread(program.other_thread()), 0);
     bool detach_failed = false;
     for (const pid_t tid : {program.pid(), program.other_thread()}) {
@@ -64,7 +66,7 @@ TEST(attach, holds_the_thread_from_its_stop_to_its_release)
     EXPECT_EQ(log_as_text(), "6 Dumper: Ptrace detach tid:" + tid + " failed: No such process\n");
     clear_log();
     EXPECT_EQ(job.job.detach_thread(1), 0);  // not there
-    EXPECT_TRUE(was_logged(ANDROID_LOG_WARN, "Process may exited, not fatal error, ignore\n"));
+    EXPECT_THAT(log_as_text(), testing::HasSubstr("5 Dumper: Process may exited, not fatal error, ignore\n"));
 }
 
 TEST(stop_wait, tells_of_a_thread_that_died_first)
@@ -95,7 +97,7 @@ TEST(release, reaps_a_thread_that_was_killed_while_held)
     ASSERT_TRUE(eventually([&] { return thread_state(program.pid(), tid) == 'Z'; }));
     EXPECT_EQ(job.job.detach_thread(tid), 0);
     EXPECT_EQ(thread_state(program.pid(), tid), '\0');
-    EXPECT_TRUE(was_logged(ANDROID_LOG_WARN, "Process may exited, not fatal error, ignore\n"));
+    EXPECT_THAT(log_as_text(), testing::HasSubstr("5 Dumper: Process may exited, not fatal error, ignore\n"));
 }
 
 // The signal that is pending when the thread wakes comes before the SIGSTOP of the attach, whose number is
@@ -140,6 +142,6 @@ TEST(stop_wait, gives_up_after_one_to_two_seconds_and_a_late_stop_is_released)
     EXPECT_FALSE(job.release_thread(true, sleeper.tid));  // sleeps on: only the tool's end would help
     sleeper.wake();
     EXPECT_TRUE(eventually([&] { return job.release_thread(true, sleeper.tid); }));
-    EXPECT_TRUE(was_logged(ANDROID_LOG_WARN, " did not stop in time, released later\n"));
+    EXPECT_THAT(log_as_text(), testing::HasSubstr(" did not stop in time, released later\n"));
     EXPECT_TRUE(sleeper.runs_untraced());
 }

@@ -42,8 +42,6 @@ struct dumper_test {
     int wait_for_sigstop(bool* detach_failed, pid_t tid) { return job.wait_for_sigstop(detach_failed, tid); }
     bool release_thread(bool detach_failed, pid_t tid) { return job.release_thread(detach_failed, tid); }
     int registers(std::stringstream* ss, pid_t tid) { return job.dump_registers(ss, tid); }
-    int backtrace(std::stringstream* ss, pid_t tid) { return job.dump_backtrace(ss, tid); }
     bool ktrace(std::stringstream* ss, pid_t tid) { return job.dump_ktrace(ss, tid); }
     int map_section() { return job.dump_map_info(); }
-    void send_signal_back(pid_t tid, int sig) { job.send_signal_back(tid, sig); }
 };

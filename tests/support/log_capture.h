@@ -3,17 +3,8 @@
 #pragma once
 
 #include <string>
-#include <vector>
 
-struct log_entry {
-    int prio;
-    std::string tag;  // "<null>" for a null tag
-    std::string text;
-};
-
-// Entries since the start of the test or the last clear; any thread may log meanwhile.
-std::vector<log_entry> logged();
-void clear_log();
-// Whether an entry of that priority holds the text.
-bool was_logged(int prio, const std::string& text);
+// Entries since the start of the test or the last clear, each as "6 Dumper: text" and a newline: the
+// priority is a number, a null tag is "<null>". Any thread may log meanwhile.
 std::string log_as_text();
+void clear_log();
