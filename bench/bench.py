@@ -41,16 +41,22 @@ class Target:
         self.process.wait()
 
 
-def run(argv, preload, holds_file):
-    """One run: milliseconds of wall and processor time, KiB of peak memory, hold times in milliseconds."""
-    environment = {**os.environ, 'LD_PRELOAD': preload, 'HOLD_TIMES': holds_file, 'DEBUGINFOD_URLS': ''}
-    if os.path.exists(holds_file):
-        os.remove(holds_file)
+def timed(argv, environment):
+    """Milliseconds of wall and processor time."""
     start = time.monotonic()
     child = subprocess.Popen(argv, env=environment, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
     _, _, usage = os.wait4(child.pid, 0)
-    wall = (time.monotonic() - start) * 1e3
     child.returncode = 0
+    return (time.monotonic() - start) * 1e3, (usage.ru_utime + usage.ru_stime) * 1e3
+
+
+def run(argv, preload, holds_file):
+    """Wall and processor time of a plain run; KiB of peak memory and hold times in milliseconds of a watched one."""
+    environment = {**os.environ, 'DEBUGINFOD_URLS': ''}
+    wall, processor = timed(argv, environment)
+    if os.path.exists(holds_file):
+        os.remove(holds_file)
+    timed(argv, {**environment, 'LD_PRELOAD': preload, 'HOLD_TIMES': holds_file})
     holds = []
     peak = 0
     if os.path.exists(holds_file):
@@ -58,7 +64,7 @@ def run(argv, preload, holds_file):
             fields = [line.split() for line in lines]
         holds = [float(f[1]) for f in fields if f[0] != 'VmHWM:']
         peak = max((int(f[1]) for f in fields if f[0] == 'VmHWM:'), default=0)
-    return wall, (usage.ru_utime + usage.ru_stime) * 1e3, peak, holds
+    return wall, processor, peak, holds
 
 
 def median(values):

@@ -219,6 +219,7 @@ make_initramfs() {
     local root=$work/root
     mkdir -p "$root"/{bin,etc,guest,opt/armhf}
     install "$project/scripts/aarch64/init" "$root/init"
+    install "$project/scripts/aarch64/syslog_check" "$root/guest/syslog_check"
     install "$cache/busybox" "$root/bin/busybox"
     install "$cache/busybox-armhf" "$root/opt/armhf/busybox"
     copy_project "$root"
@@ -236,7 +237,8 @@ guest_command() {
     if [[ $mode == run ]]; then
         echo "$run_command"
     else
-        printf '%q ' "exec" "$guest_project/$(basename "$build")/tests/dump_server_tests" "${test_arguments[@]}"
+        printf '%q ' "$guest_project/$(basename "$build")/tests/dump_server_tests" "${test_arguments[@]}"
+        echo '&& sh /guest/syslog_check'
     fi
 }
 

@@ -7,12 +7,10 @@
 
 #include <cstdlib>
 #include <memory>
-#include <optional>
 #include <system_error>
 #include <thread>
 
 #include "dumper.h"
-#include "hold_turn.h"
 #include "system_log.h"
 #include "trace_gate.h"
 #include "unwind/thread_snapshot.h"
@@ -101,9 +99,7 @@ int dumper::dump_thread(pid_t target_tid, bool tid_attached, stringstream* ss)
         if (!tid_attached)
             return ret;
     }
-    std::optional<hold_turn> turn;
     if (!tid_attached) {
-        turn.emplace();
         if (ss == nullptr && fdump != nullptr)
             fflush(fdump);  // the block of a held thread finds an empty buffer
         ret = attach_thread(target_tid);
@@ -143,7 +139,6 @@ int dumper::dump_thread(pid_t target_tid, bool tid_attached, stringstream* ss)
                             ret, pid, target_tid);
         trace_gate::end_tool(pid);
     }
-    turn.reset();
     if (sent_back) {
         __android_log_print(ANDROID_LOG_INFO, "Dumper", "Unexcept signal:%d..continue\n", sig);
         trace_gate::resume_process(pid);

@@ -8,12 +8,16 @@
 
 #include <atomic>
 #include <initializer_list>
+#include <optional>
+
+#include "hold_turn.h"
 
 namespace
 {
 enum class hold_state { none, attaching, held };
 
 thread_local hold_state my_state = hold_state::none;
+thread_local std::optional<hold_turn> my_turn;
 std::atomic<int> attaching_threads{0};
 std::atomic<int> holding_threads{0};  // attaching or held
 std::atomic<int> shut{0};             // how many want no new attach to begin
@@ -96,6 +100,7 @@ void trace_gate::defer_ending_signals(bool client)
 
 void trace_gate::begin_attach()
 {
+    my_turn.emplace();
     for (;;) {
         set_state(hold_state::attaching);
         if (shut == 0 && ending_signal == 0)
@@ -119,6 +124,7 @@ void trace_gate::released()
     if (my_state == hold_state::none)
         return;
     set_state(hold_state::none);
+    my_turn.reset();
     end_if_asked();
 }
 
