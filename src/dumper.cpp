@@ -20,9 +20,8 @@ namespace
 {
 constexpr size_t text_buffer_size = 2048;
 
-// Holds a lead thread's block of 1024 frames, so that no write of the report waits for a reader that may
-// itself be the thread being held. Untouched pages cost nothing.
-constexpr size_t report_buffer_size = 1 << 20;
+// A larger one makes fewer writes, but has more pages to touch for the first time, which costs as much.
+constexpr size_t report_buffer_size = size_t{64} * 1024;
 
 // File system rights of another user for the calling thread, while in scope: setfsuid(2), credentials(7).
 class rights_of

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <string_view>
 
 #include "dumper_common.h"
 #include "system_log.h"
@@ -45,13 +46,26 @@ bool sys_stat::read_sys_once(const string& path, char* buf, size_t len)
 
 bool sys_stat::sys_info_to_stream(stringstream& target, const string& path)
 {
-    FILE* file = fopen(path.c_str(), "re");
-    if (file == nullptr)
+    const auto fd = static_cast<int>(TEMP_FAILURE_RETRY(open(path.c_str(), O_RDONLY | O_CLOEXEC)));
+    if (fd < 0)
         return false;
-    char line[1024];
-    while (fgets(line, sizeof(line), file) != nullptr)
-        target << "  " << line;
-    fclose(file);
+    constexpr size_t longest_piece = 1023;  // longer lines get the indent again after so many bytes
+    char chunk[4096];
+    size_t piece = 0;  // bytes since the last indent
+    ssize_t rc;
+    while ((rc = TEMP_FAILURE_RETRY(read(fd, chunk, sizeof(chunk)))) > 0) {
+        for (std::string_view rest(chunk, static_cast<size_t>(rc)); !rest.empty();) {
+            if (piece == 0)
+                target << "  ";
+            const std::string_view part = rest.substr(0, longest_piece - piece);
+            const size_t newline = part.find('\n');
+            const size_t taken = newline == part.npos ? part.size() : newline + 1;
+            target << part.substr(0, taken);
+            rest.remove_prefix(taken);
+            piece = newline != part.npos || piece + taken == longest_piece ? 0 : piece + taken;
+        }
+    }
+    close(fd);
     return true;
 }
 

@@ -56,7 +56,8 @@ void symbol_table::load(source& into, const elf_file::section& section)
     if (section.size > max_symbol_bytes || section.link >= sections.size())
         return;
     into.strings = sections[section.link];
-    std::array<Elf64_Sym, 2048> chunk;
+    into.symbols.reserve(section.size / sizeof(Elf64_Sym));  // untouched pages cost nothing, copies do
+    std::array<Elf64_Sym, 512> chunk;
     for (uint64_t done = 0; done < section.size;) {
         const size_t wanted = std::min<uint64_t>(sizeof(chunk), section.size - done);
         const size_t count = into.file->read(section.offset + done, chunk.data(), wanted) / sizeof(Elf64_Sym);
