@@ -1,48 +1,51 @@
 // See hold_turn.h.
 #include "hold_turn.h"
 
+#include <sched.h>
+
 #include <algorithm>
+#include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <thread>
+
+using std::chrono::steady_clock;
 
 namespace
 {
 constexpr auto longest_wait = std::chrono::milliseconds(5);  // usual holds take a tenth of one
 
-// Not the library's semaphore: it spins and sleeps before it waits.
-struct turn_count {
-    std::mutex lock;
-    std::condition_variable given_back;
-    unsigned free = std::max(1U, std::thread::hardware_concurrency() / 2);
-};
-
-turn_count& turns()
+std::atomic<int>& free_turns()
 {
-    static turn_count all;
-    return all;
+    static std::atomic<int> count = static_cast<int>(std::max(1U, std::thread::hardware_concurrency()));
+    return count;
+}
+
+bool take_turn()
+{
+    std::atomic<int>& count = free_turns();
+    int seen = count;
+    while (seen > 0)
+        if (count.compare_exchange_weak(seen, seen - 1))
+            return true;
+    return false;
 }
 
 }  // namespace
 
-hold_turn::hold_turn()
+// Polls: a sleeping thread gets its processor later than the holds that it waits for take.
+hold_turn::hold_turn() : mine(take_turn())
 {
-    turn_count& all = turns();
-    std::unique_lock guard(all.lock);
-    mine = all.given_back.wait_for(guard, longest_wait, [&all] { return all.free > 0; });
     if (mine)
-        all.free--;
+        return;
+    const auto end = steady_clock::now() + longest_wait;
+    while (!mine && steady_clock::now() < end) {
+        sched_yield();
+        mine = take_turn();
+    }
 }
 
 hold_turn::~hold_turn()
 {
-    if (!mine)
-        return;
-    turn_count& all = turns();
-    {
-        std::lock_guard guard(all.lock);
-        all.free++;
-    }
-    all.given_back.notify_one();
+    if (mine)
+        free_turns()++;
 }

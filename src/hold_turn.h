@@ -1,7 +1,7 @@
-// Who may hold a thread, when several workers share few processors. A worker that holds one must not wait for
-// a processor while the others wait for stops: with all four at it on two processors a thread was held two to
-// five times as long. So at most half of the processors have a holder: twice as many made a dump 8 % faster
-// and its holds twice as long.
+// Who may hold a thread, when several workers share few processors: at most as many as there are processors.
+// With all four at it on two processors a dump took as long, but the holds were half as long again, since a
+// holder then waits for a processor. Half as many holders made the dump a sixth slower, and the holds a third
+// shorter.
 #pragma once
 
 // A turn to hold threads, given back at the end of its scope. It is advice: nobody waits for one longer than
