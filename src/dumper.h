@@ -8,6 +8,7 @@
 
 #include <sys/types.h>
 
+#include <array>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
@@ -29,6 +30,8 @@ enum DUMP_MODE {
 
 class dumper
 {
+    using command_line = std::array<char, 65>;  // the first argument, as far as reports show it
+
     process_map_info* pmi = nullptr;      // until init_process_map
     std::shared_ptr<target_image> image;  // what unwinding knows of the target; null until its first stack
     pid_t pid;
@@ -99,6 +102,10 @@ private:
     // Attach, stop, release: dumper_attach.cpp
     int process_exist(pid_t target_pid);
     int thread_exist(pid_t target_tid);
+    // The same, and gives what it read to find out.
+    int thread_exist(pid_t target_tid, command_line& cmdline);
+    // Like attach_thread, for a thread that was there just now: asks whether it is only when ptrace refuses.
+    int attach_seen_thread(pid_t target_tid);
     // Waits one to two seconds for the stop of an attached thread. Returns the signal that stopped it, or -1:
     // then the thread is released or gone, or still traced when *detach_failed was set.
     int wait_for_sigstop(bool* detach_failed, pid_t target_tid);
@@ -113,13 +120,13 @@ private:
     void release_after_exec();
 
     // What a held thread shows, its kernel stack, the memory map: dumper_capture.cpp
-    int dump_registers(std::stringstream* ss, pid_t target_tid);
-    // What the call stack needs of a held thread, so that it can be walked after the release.
-    void take_snapshot(thread_snapshot& snapshot, pid_t target_tid);
+    // What both sections need of a held thread, so that they can be written after its release. False when it
+    // has no registers to show.
+    bool take_snapshot(thread_snapshot& snapshot, pid_t target_tid);
+    // 0, or -1 when the registers could not be read.
+    int dump_registers(std::stringstream* ss, const thread_snapshot& snapshot);
     // 0, -1 no address space, -2 no ptrace context, -3 the unwinder could not start: no registers.
-    int write_backtrace(std::stringstream* ss, thread_snapshot& snapshot);
-    // Both at once.
-    int dump_backtrace(std::stringstream* ss, pid_t target_tid);
+    int dump_backtrace(std::stringstream* ss, thread_snapshot& snapshot);
     void load_target_image();
     bool dump_ktrace(std::stringstream* ss, pid_t target_tid);
     int dump_map_info();
@@ -130,6 +137,7 @@ private:
     void dump_process_info();
     int dump_opened_file();
     int dump_thread_info(std::stringstream* ss, pid_t target_tid);
+    int dump_thread_info(std::stringstream* ss, pid_t target_tid, const command_line& cmdline);
     int get_process_stat(std::stringstream* ss, pid_t target_tid);
     // Splits the thread's stat line behind the command name: fields[0] is the state letter, fields[k] field k
     // + 3 of proc_pid_stat(5). to_file: writes the raw line too.

@@ -121,13 +121,19 @@ void reap_ending_thread(pid_t tid)
 
 int dumper::process_exist([[maybe_unused]] pid_t target_pid)
 {
-    char cmdline[65];
-    return sys_stat::get_process_cmdline(cmdline, sizeof(cmdline), pid) ? 0 : 1;
+    command_line ignored;
+    return sys_stat::get_process_cmdline(ignored.data(), ignored.size(), pid) ? 0 : 1;
 }
 
 int dumper::thread_exist(pid_t target_tid)
 {
-    if (process_exist(-1) != 0)
+    command_line ignored;
+    return thread_exist(target_tid, ignored);
+}
+
+int dumper::thread_exist(pid_t target_tid, command_line& cmdline)
+{
+    if (!sys_stat::get_process_cmdline(cmdline.data(), cmdline.size(), pid))
         return -3;
     char path[64];
     snprintf(path, sizeof(path), "/proc/%d/task/%d/cmdline", pid, target_tid);
@@ -155,14 +161,19 @@ int dumper::attach_thread(pid_t target_tid)
     if (target_tid == -1)
         target_tid = tid;
     const int missing = thread_exist(target_tid);
-    if (missing < 0)
-        return missing;
+    return missing < 0 ? missing : attach_seen_thread(target_tid);
+}
 
+int dumper::attach_seen_thread(pid_t target_tid)
+{
     trace_gate::begin_attach();
     if (ptrace(PTRACE_ATTACH, target_tid, 0, 0) == 0)
         return 0;
     const int error = errno;
     trace_gate::released();
+    const int missing = thread_exist(target_tid);
+    if (missing < 0)
+        return missing;
     __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Ptrace attach tid:%d failed: %s\n", target_tid,
                         strerror(error));
     return -1;

@@ -2,13 +2,9 @@
 // stop: the kernel stack, read after the release, and the memory map. Up to four workers run these at once,
 // each on a thread of its own.
 #include <cxxabi.h>
-#include <elf.h>
-#include <errno.h>
 #include <libunwind-ptrace.h>
 #include <sched.h>
 #include <string.h>
-#include <sys/ptrace.h>
-#include <sys/uio.h>
 
 #include <cstdlib>
 #include <memory>
@@ -50,7 +46,7 @@ bool read_kernel_trace(stringstream& trace, pid_t pid, pid_t tid)
         if (!sys_stat::get_kernel_calltrace_to_stream(&trace, pid, tid))
             return false;
         gettimeofday(&now, nullptr);
-        if (trace.str().find("ptrace_stop") == std::string::npos ||
+        if (trace.view().find("ptrace_stop") == std::string::npos ||
             elapsed_ms(start, now) > longest_resume_ms)
             return true;
         sched_yield();
@@ -59,22 +55,33 @@ bool read_kernel_trace(stringstream& trace, pid_t pid, pid_t tid)
 
 }  // namespace
 
-int dumper::dump_registers(stringstream* ss, pid_t target_tid)
+void dumper::load_target_image()
+{
+    image = std::make_shared<target_image>(pid);
+}
+
+bool dumper::take_snapshot(thread_snapshot& snapshot, pid_t target_tid)
 {
     if (target_tid == -1)
         target_tid = tid;
+    if (!image)
+        load_target_image();
+    return snapshot.take(*image, target_tid);
+}
+
+int dumper::dump_registers(stringstream* ss, const thread_snapshot& snapshot)
+{
     write_text(ss, true, "\nRegister:\n");
-    alignas(16) unsigned char set[register_set_size];
-    iovec iov = {set, sizeof(set)};
-    if (ptrace(PTRACE_GETREGSET, target_tid, NT_PRSTATUS, &iov) == -1) {
-        __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Ptrace error: %s\n", strerror(errno));
+    const register_set& set = snapshot.raw_registers();
+    if (set.length == 0) {
+        __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Ptrace error: %s\n", strerror(snapshot.error()));
         return -1;
     }
-    const auto lines = register_lines(set, iov.iov_len);
+    const auto lines = register_lines(set);
     if (lines.empty()) {
         __android_log_print(ANDROID_LOG_ERROR, "Dumper",
                             "Tid %d has a register set of %zu bytes, not that of a 64-bit thread\n",
-                            target_tid, iov.iov_len);
+                            snapshot.tid(), set.length);
         return -1;
     }
     for (const auto& line : lines)
@@ -82,28 +89,7 @@ int dumper::dump_registers(stringstream* ss, pid_t target_tid)
     return 0;
 }
 
-void dumper::load_target_image()
-{
-    image = std::make_shared<target_image>(pid);
-}
-
-void dumper::take_snapshot(thread_snapshot& snapshot, pid_t target_tid)
-{
-    if (target_tid == -1)
-        target_tid = tid;
-    if (!image)
-        load_target_image();
-    snapshot.take(*image, target_tid);
-}
-
-int dumper::dump_backtrace(stringstream* ss, pid_t target_tid)
-{
-    thread_snapshot snapshot;
-    take_snapshot(snapshot, target_tid);
-    return write_backtrace(ss, snapshot);
-}
-
-int dumper::write_backtrace(stringstream* ss, thread_snapshot& snapshot)
+int dumper::dump_backtrace(stringstream* ss, thread_snapshot& snapshot)
 {
     const unwind_space addr_space(unw_create_addr_space(unwind_accessors(), 0));
     if (!addr_space) {
@@ -156,9 +142,9 @@ bool dumper::dump_ktrace(stringstream* ss, pid_t target_tid)
     __LOG(section, false, "\nKernel Trace:\n");
     stringstream trace;
     const bool copied = read_kernel_trace(trace, pid, target_tid);
-    section << trace.str();
+    section << trace.view();
     if (ss != nullptr)
-        *ss << section.str();
+        *ss << section.view();
     else if (copied && fdump != nullptr)
         fputs(section.str().c_str(), fdump);
     return copied;

@@ -13,6 +13,7 @@
 #include "dumper.h"
 #include "system_log.h"
 #include "trace_gate.h"
+#include "unwind/thread_snapshot.h"
 
 using std::string;
 using std::stringstream;
@@ -133,13 +134,15 @@ int dumper::dump_crash_thread(int signo, [[maybe_unused]] bool* detach_failed)
     }
     if (signo != 0)
         dump_signal_info(signo);
-    const int r = dump_registers(nullptr, -1);
+    thread_snapshot snapshot;
+    take_snapshot(snapshot, -1);
+    const int r = dump_registers(nullptr, snapshot);
     if (r < 0) {
         __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Dump register failed:%d, pid=%d, tid=%d\n", r, pid,
                             tid);
         return r;
     }
-    const int b = dump_backtrace(nullptr, -1);
+    const int b = dump_backtrace(nullptr, snapshot);
     if (b < 0)
         __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Dump backtrace failed:%d, pid=%d, tid=%d\n", b, pid,
                             tid);

@@ -84,16 +84,17 @@ int dumper::dump_process(bool attached)
 
 int dumper::dump_thread(pid_t target_tid, bool tid_attached, stringstream* ss)
 {
-    const int missing = thread_exist(target_tid);
+    command_line cmdline;
+    const int missing = thread_exist(target_tid, cmdline);
     if (missing < 0) {
         __android_log_print(ANDROID_LOG_ERROR, "Dumper", "dump_thread tid:%d not exist\n", target_tid);
         if (tid_attached)
             release_attached_thread(target_tid);
         return missing;
     }
-    int ret = dump_thread_info(ss, target_tid);
-    const bool capture = ret == 0;
-    if (!capture) {
+    int ret = dump_thread_info(ss, target_tid, cmdline);
+    const bool has_info = ret == 0;
+    if (!has_info) {
         __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Dump_thread_info failed:%d, pid=%d, tid=%d\n", ret,
                             pid, target_tid);
         if (!tid_attached)
@@ -101,8 +102,8 @@ int dumper::dump_thread(pid_t target_tid, bool tid_attached, stringstream* ss)
     }
     if (!tid_attached) {
         if (ss == nullptr && fdump != nullptr)
-            fflush(fdump);  // the block of a held thread finds an empty buffer
-        ret = attach_thread(target_tid);
+            fflush(fdump);  // nothing waits for a reader that may be the held thread itself
+        ret = attach_seen_thread(target_tid);
         if (ret != 0) {
             __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Attach_thread failed:%d, pid=%d, tid=%d\n", ret,
                                 pid, target_tid);
@@ -112,7 +113,7 @@ int dumper::dump_thread(pid_t target_tid, bool tid_attached, stringstream* ss)
 
     bool detach_failed = false;
     bool sent_back = false;
-    bool walk = false;
+    bool captured = false;
     thread_snapshot snapshot;
     const int sig = wait_for_sigstop(&detach_failed, target_tid);
     if (sig != SIGSTOP) {
@@ -122,14 +123,12 @@ int dumper::dump_thread(pid_t target_tid, bool tid_attached, stringstream* ss)
             send_signal_back(target_tid, sig);
             sent_back = true;
         }
-    } else if (capture) {
-        ret = dump_registers(ss, target_tid);
-        if (ret < 0) {
+    } else if (has_info) {
+        captured = take_snapshot(snapshot, target_tid);
+        if (!captured) {
+            ret = dump_registers(ss, snapshot);
             __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Dump register failed:%d, pid=%d, tid=%d\n", ret,
                                 pid, target_tid);
-        } else {
-            take_snapshot(snapshot, target_tid);
-            walk = true;
         }
     }
 
@@ -143,8 +142,9 @@ int dumper::dump_thread(pid_t target_tid, bool tid_attached, stringstream* ss)
         __android_log_print(ANDROID_LOG_INFO, "Dumper", "Unexcept signal:%d..continue\n", sig);
         trace_gate::resume_process(pid);
     }
-    if (walk) {
-        ret = write_backtrace(ss, snapshot);
+    if (captured) {
+        dump_registers(ss, snapshot);
+        ret = dump_backtrace(ss, snapshot);
         if (ret < 0)
             __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Dump backtrace failed:%d, pid=%d, tid=%d\n",
                                 ret, pid, target_tid);

@@ -98,15 +98,20 @@ int dumper::dump_opened_file()
 
 int dumper::dump_thread_info(stringstream* ss, pid_t target_tid)
 {
+    command_line cmdline;
+    if (!sys_stat::get_process_cmdline(cmdline.data(), cmdline.size(), pid)) {
+        __android_log_print(ANDROID_LOG_ERROR, "Dumper", "get_process_cmdline failed, pid=%d\n", pid);
+        strcpy(cmdline.data(), "<unknown>");
+    }
+    return dump_thread_info(ss, target_tid, cmdline);
+}
+
+int dumper::dump_thread_info(stringstream* ss, pid_t target_tid, const command_line& cmdline)
+{
     if (target_tid == -1)
         target_tid = tid;
-    char cmdline[65];
     char process_name[65];
     char thread_name[65];
-    if (!sys_stat::get_process_cmdline(cmdline, sizeof(cmdline), pid)) {
-        __android_log_print(ANDROID_LOG_ERROR, "Dumper", "get_process_cmdline failed, pid=%d\n", pid);
-        strcpy(cmdline, "<unknown>");
-    }
     if (!sys_stat::get_process_name(process_name, sizeof(process_name), pid)) {
         __android_log_print(ANDROID_LOG_ERROR, "Dumper", "get_process_name failed, pid=%d\n", pid);
         strcpy(process_name, "<unknown>");
@@ -116,8 +121,8 @@ int dumper::dump_thread_info(stringstream* ss, pid_t target_tid)
                             target_tid);
         strcpy(thread_name, "<unknown>");
     }
-    write_text(ss, true, "Cmdline: %s\npid: %d, tid: %d, process: %s, thread: %s\n", cmdline, pid, target_tid,
-               process_name, thread_name);
+    write_text(ss, true, "Cmdline: %s\npid: %d, tid: %d, process: %s, thread: %s\n", cmdline.data(), pid,
+               target_tid, process_name, thread_name);
     return get_process_stat(ss, target_tid);
 }
 

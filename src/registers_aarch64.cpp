@@ -6,13 +6,13 @@
 
 #include "registers.h"
 
-std::vector<std::string> register_lines(const void* set, size_t length)
+std::vector<std::string> register_lines(const register_set& set)
 {
     user_pt_regs user;
-    static_assert(sizeof(user) == 272 && sizeof(user) <= register_set_size);
-    if (length != sizeof(user))
+    static_assert(sizeof(user) == 272 && sizeof(user) <= sizeof(set.bytes));
+    if (set.length != sizeof(user))
         return {};
-    memcpy(&user, set, sizeof(user));
+    memcpy(&user, set.bytes.data(), sizeof(user));
     const auto& regs = user.regs;
 
     std::vector<std::string> lines;

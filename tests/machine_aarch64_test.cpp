@@ -21,14 +21,16 @@ using std::vector;
 
 TEST(registers, are_laid_out_to_the_character)
 {
-    user_pt_regs set = {};
+    user_pt_regs regs = {};
     for (uint64_t i = 0; i < 31; i++)
-        set.regs[i] = 0xfedcba9800000000 + i;
-    set.sp = 0xffffd1b2c3a0;
-    set.pc = 0xaaaab6c50ad0;
-    set.pstate = 0x60001000;
+        regs.regs[i] = 0xfedcba9800000000 + i;
+    regs.sp = 0xffffd1b2c3a0;
+    regs.pc = 0xaaaab6c50ad0;
+    regs.pstate = 0x60001000;
+    register_set set = {.bytes = {}, .length = sizeof(regs)};
+    memcpy(set.bytes.data(), &regs, sizeof(regs));
     string text;
-    for (const string& line : register_lines(&set, sizeof(set)))
+    for (const string& line : register_lines(set))
         text += line;
     EXPECT_EQ(text,
               "    x0   0xfedcba9800000000  x1   0xfedcba9800000001  x2   0xfedcba9800000002  x3   "
@@ -52,9 +54,7 @@ TEST(registers, are_laid_out_to_the_character)
 // The kernel gives 18 registers of 32 bits. The target is a program of that kind when QV_ARMHF names one.
 TEST(registers, of_a_32_bit_process_are_none)
 {
-    constexpr size_t set_bytes = 18 * sizeof(uint32_t);
-    alignas(16) const unsigned char set[register_set_size] = {};
-    EXPECT_TRUE(register_lines(set, set_bytes).empty());
+    EXPECT_TRUE(register_lines({.bytes = {}, .length = 18 * sizeof(uint32_t)}).empty());
     const char* busybox = getenv("QV_ARMHF");
     if (busybox == nullptr)
         return;

@@ -1,5 +1,6 @@
 // What only x86_64 shows.
 #include <gtest/gtest.h>
+#include <string.h>
 #include <sys/user.h>
 
 #include "registers.h"
@@ -8,19 +9,21 @@ using std::string;
 
 TEST(registers, are_laid_out_to_the_character)
 {
-    user_regs_struct set = {};
-    set.r15 = 0x15;
-    set.r8 = 0xfedcba9876543210;
-    set.rbp = 6;
-    set.rdx = 4;
-    set.rax = 1;
-    set.rip = 0x7fb4c92d1df2;
-    set.eflags = 0x246;
-    set.cs = 0x33;
-    set.rsp = 0x7ffd8a3d04c0;
-    set.ss = 0x2b;
+    user_regs_struct regs = {};
+    regs.r15 = 0x15;
+    regs.r8 = 0xfedcba9876543210;
+    regs.rbp = 6;
+    regs.rdx = 4;
+    regs.rax = 1;
+    regs.rip = 0x7fb4c92d1df2;
+    regs.eflags = 0x246;
+    regs.cs = 0x33;
+    regs.rsp = 0x7ffd8a3d04c0;
+    regs.ss = 0x2b;
+    register_set set = {.bytes = {}, .length = sizeof(regs)};
+    memcpy(set.bytes.data(), &regs, sizeof(regs));
     string text;
-    for (const string& line : register_lines(&set, sizeof(set)))
+    for (const string& line : register_lines(set))
         text += line;
     EXPECT_EQ(text,
               "    rax  0x0000000000000001  rbx  0x0000000000000000  rcx  0x0000000000000000  rdx  "
@@ -33,6 +36,6 @@ TEST(registers, are_laid_out_to_the_character)
               "0x0000000000000015\n"
               "    rip  0x00007fb4c92d1df2  eflags  0x0000000000000246  cs   0x0000000000000033  ss   "
               "0x000000000000002b\n");
-    const size_t compat_set = 17 * sizeof(uint32_t);  // what the kernel gives of a 32-bit thread
-    EXPECT_TRUE(register_lines(&set, compat_set).empty());
+    set.length = 17 * sizeof(uint32_t);  // what the kernel gives of a 32-bit thread
+    EXPECT_TRUE(register_lines(set).empty());
 }

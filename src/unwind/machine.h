@@ -26,8 +26,9 @@ extern const unw_regnum_t frame_pointer;
 extern const size_t red_zone;  // bytes below the stack pointer that a leaf function may use
 extern const size_t frame_record_align;
 
-// Reads them from a thread that the calling thread has stopped. False when ptrace refuses, errno is kept.
-bool read_registers(pid_t tid, machine_registers& registers);
+// Sorts a set, and asks what else is needed of its thread, which the calling thread has stopped. False for a
+// set that is not that of a 64-bit thread.
+bool read_registers(pid_t tid, const register_set& set, machine_registers& registers);
 
 // True for the call-frame opcode that toggles the signature of the return address: it changes no location.
 bool toggles_signature(uint8_t opcode);

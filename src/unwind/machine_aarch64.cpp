@@ -52,11 +52,12 @@ const unw_regnum_t link_register = UNW_AARCH64_X30;
 const size_t red_zone = 0;
 const size_t frame_record_align = 16;
 
-bool read_registers(pid_t tid, machine_registers& registers)
+bool read_registers(pid_t tid, const register_set& set, machine_registers& registers)
 {
-    user_pt_regs regs{};
-    if (!get_register_set(tid, NT_PRSTATUS, &regs, sizeof(regs)))
+    user_pt_regs regs;
+    if (set.length != sizeof(regs))
         return false;
+    memcpy(&regs, set.bytes.data(), sizeof(regs));
     std::copy(std::begin(regs.regs), std::end(regs.regs), registers.word.begin());
     registers.word[UNW_AARCH64_SP] = regs.sp;
     registers.word[UNW_AARCH64_PC] = regs.pc;

@@ -1,10 +1,9 @@
 // x86_64: see machine.h.
 #include "machine.h"
 
-#include <elf.h>
-#include <sys/ptrace.h>
-#include <sys/uio.h>
 #include <sys/user.h>
+
+#include <cstring>
 
 extern "C" int UNW_OBJ(dwarf_search_unwind_table)(unw_addr_space_t, unw_word_t, unw_dyn_info_t*,
                                                   unw_proc_info_t*, int, void*);
@@ -32,12 +31,12 @@ const unw_regnum_t link_register = -1;
 const size_t red_zone = 128;
 const size_t frame_record_align = 8;
 
-bool read_registers(pid_t tid, machine_registers& registers)
+bool read_registers(pid_t, const register_set& set, machine_registers& registers)
 {
-    user_regs_struct regs{};
-    iovec vector{&regs, sizeof(regs)};
-    if (ptrace(PTRACE_GETREGSET, tid, NT_PRSTATUS, &vector) == -1 || vector.iov_len != sizeof(regs))
+    user_regs_struct regs;
+    if (set.length != sizeof(regs))
         return false;
+    memcpy(&regs, set.bytes.data(), sizeof(regs));
     registers.word = {regs.rax, regs.rdx, regs.rcx, regs.rbx, regs.rsi, regs.rdi, regs.rbp, regs.rsp, regs.r8,
                       regs.r9,  regs.r10, regs.r11, regs.r12, regs.r13, regs.r14, regs.r15, regs.rip};
     registers.thread_pointer = regs.fs_base;

@@ -1,6 +1,11 @@
 // See thread_snapshot.h.
 #include "thread_snapshot.h"
 
+#include <elf.h>
+#include <errno.h>
+#include <sys/ptrace.h>
+#include <sys/uio.h>
+
 #include <algorithm>
 #include <cstring>
 
@@ -58,7 +63,11 @@ bool thread_snapshot::take(target_image& image, pid_t tid)
     tid_ = tid;
     size_ = 0;
     pages_.clear();
-    has_registers_ = machine::read_registers(tid, registers_);
+    iovec answer{raw_registers_.bytes.data(), raw_registers_.bytes.size()};
+    const bool read = ptrace(PTRACE_GETREGSET, tid, NT_PRSTATUS, &answer) == 0;
+    error_ = read ? 0 : errno;
+    raw_registers_.length = read ? answer.iov_len : 0;
+    has_registers_ = read && machine::read_registers(tid, raw_registers_, registers_);
     if (!has_registers_)
         return false;
     if (!copy_stack(image) || image.memory().needs_ptrace())

@@ -17,11 +17,14 @@ class target_image;
 class thread_snapshot
 {
 public:
-    // Takes the snapshot; the calling thread must hold tid stopped. False when the registers cannot be read,
-    // errno is kept.
+    // Takes the snapshot; the calling thread must hold tid stopped. False when there are no registers of a
+    // 64-bit thread.
     bool take(target_image& image, pid_t tid);
 
     pid_t tid() const { return tid_; }
+    // As ptrace gave them; of length 0 when it refused, with error() as the reason.
+    const register_set& raw_registers() const { return raw_registers_; }
+    int error() const { return error_; }
     // Null before take, or when they could not be read.
     const machine_registers* registers() const { return has_registers_ ? &registers_ : nullptr; }
 
@@ -41,6 +44,8 @@ private:
     bool copy_stack(target_image& image);
 
     pid_t tid_ = 0;
+    register_set raw_registers_;
+    int error_ = 0;
     bool has_registers_ = false;
     machine_registers registers_;
     uint64_t start_ = 0;

@@ -7,6 +7,7 @@
 
 #include "dumper.h"
 #include "support/tool.h"
+#include "unwind/thread_snapshot.h"
 
 struct dumper_test {
     dumper job;
@@ -41,7 +42,12 @@ struct dumper_test {
     int thread_exist(pid_t tid) { return job.thread_exist(tid); }
     int wait_for_sigstop(bool* detach_failed, pid_t tid) { return job.wait_for_sigstop(detach_failed, tid); }
     bool release_thread(bool detach_failed, pid_t tid) { return job.release_thread(detach_failed, tid); }
-    int registers(std::stringstream* ss, pid_t tid) { return job.dump_registers(ss, tid); }
+    int registers(std::stringstream* ss, pid_t tid)
+    {
+        thread_snapshot snapshot;
+        job.take_snapshot(snapshot, tid);
+        return job.dump_registers(ss, snapshot);
+    }
     bool ktrace(std::stringstream* ss, pid_t tid) { return job.dump_ktrace(ss, tid); }
     int map_section() { return job.dump_map_info(); }
 };
