@@ -91,8 +91,9 @@ private:
     // One of the two: into *ss, or into the report when ss is null.
     int write_text(std::stringstream* ss, bool tomerx, const char* fmt, ...)
         __attribute__((format(printf, 4, 5)));
-    int log_to_report(bool tomerx, const char* fmt, va_list args);
-    int log_to_stream(std::stringstream& ss, bool tomerx, const char* fmt, va_list args);
+    int log_to_report(bool tomerx, const char* fmt, va_list args) __attribute__((format(printf, 3, 0)));
+    int log_to_stream(std::stringstream& ss, bool tomerx, const char* fmt, va_list args)
+        __attribute__((format(printf, 4, 0)));
     void copy_to_system_log(bool tomerx, const char* text);
     void use_report(FILE* report);
     int dump_file_create(const char* dump_dir);
