@@ -11,6 +11,7 @@
 #include "unwind/byte_reader.h"
 #include "unwind/call_frame_info.h"
 #include "unwind/elf_file.h"
+#include "unwind/machine.h"
 #include "unwind/symbol_table.h"
 #include "unwind/target_maps.h"
 
@@ -161,6 +162,141 @@ TEST(byte_reader, gives_nothing_past_the_end)
     EXPECT_TRUE(block.at_end());
 }
 
+static frame_section section_in(const vector<uint8_t>& bytes, bool is_debug_frame)
+{
+    return {is_debug_frame, 0, [&bytes](uint64_t at, void* to, size_t size) {
+                if (at > bytes.size() || size > bytes.size() - at)
+                    return false;
+                memcpy(to, bytes.data() + at, size);
+                return true;
+            }};
+}
+
+// A .debug_frame by hand: one common entry, then the descriptions that are added.
+struct frame_table {
+    vector<uint8_t> bytes;
+
+    explicit frame_table(const string& augmentation, uint64_t column = machine::return_column,
+                         const vector<uint8_t>& data = {})
+    {
+        put(static_cast<uint32_t>(9 + augmentation.size() + data.size()));
+        put(0xffffffff);
+        put(uint8_t{1});
+        bytes.insert(bytes.end(), augmentation.c_str(), augmentation.c_str() + augmentation.size() + 1);
+        put(uint8_t{1});     // code alignment
+        put(uint8_t{0x78});  // data alignment: -8
+        put(static_cast<uint8_t>(column));
+        bytes.insert(bytes.end(), data.begin(), data.end());
+    }
+    // Of 0x100 pcs. Returns where it is.
+    template <typename address>
+    size_t describe(address start, uint32_t common_at, const vector<uint8_t>& rules)
+    {
+        const size_t at = bytes.size();
+        put(static_cast<uint32_t>(4 + 2 * sizeof(address) + rules.size()));
+        put(common_at);
+        put(start);
+        put(address{0x100});
+        bytes.insert(bytes.end(), rules.begin(), rules.end());
+        return at;
+    }
+    template <typename number>
+    void put(number value)
+    {
+        const auto* from = reinterpret_cast<const uint8_t*>(&value);
+        bytes.insert(bytes.end(), from, from + sizeof(value));
+    }
+};
+
+// For the last pc of the one description.
+static std::unique_ptr<unwind_rule> rule_of(frame_table table, const vector<uint8_t>& rules)
+{
+    const size_t at = table.describe(uint64_t{0x1000}, 0, rules);
+    const auto entry = read_frame_entry(section_in(table.bytes, true), at);
+    return entry ? make_unwind_rule(*entry, 0x10ff) : nullptr;
+}
+
+TEST(call_frame_info, indexes_what_stands_beside_a_damaged_entry)
+{
+    frame_table table("zR", machine::return_column, {1, pointer_encoding::udata4});
+    table.describe(0x1000U, 0, {0});
+    table.describe(0x2000U, 5, {0});  // its common entry is none
+    table.describe(0x3000U, 0, {0});
+    const auto index = index_frame_section(section_in(table.bytes, true), 0, table.bytes.size());
+    ASSERT_EQ(index.size(), 2U);
+    EXPECT_EQ(index[1].start, 0x3000U);
+    EXPECT_EQ(index[1].end, 0x3100U);
+}
+
+TEST(call_frame_info, knows_signal_frames_without_augmentation_data)
+{
+    const struct {
+        const char* augmentation;
+        bool accepted;
+        bool signal_frame;
+    } cases[] = {
+        {"", true, false}, {"S", true, true}, {"B", true, false}, {"R", false, false}, {"eh", false, false}};
+    for (const auto& c : cases) {
+        const auto rule = rule_of(frame_table(c.augmentation), {});
+        EXPECT_EQ(rule != nullptr, c.accepted) << c.augmentation;
+        EXPECT_EQ(rule && rule->signal_frame(), c.signal_frame) << c.augmentation;
+    }
+}
+
+// A register without a column crashes libunwind or makes it read out of bounds, a division can be a SIGFPE,
+// every remembered state takes memory, and a long common entry would be read for each of the others.
+TEST(call_frame_info, refuses_what_libunwind_does_not_survive)
+{
+    const auto columns = static_cast<uint8_t>(machine::table_columns);
+    EXPECT_FALSE(rule_of(frame_table("", columns), {}));
+    const auto with_common_bytes = [](size_t count) {
+        return frame_table("", machine::return_column, vector<uint8_t>(count - 9));
+    };
+    EXPECT_TRUE(rule_of(with_common_bytes(4096), {}));
+    EXPECT_FALSE(rule_of(with_common_bytes(4097), {}));
+    const auto repeated = [](vector<uint8_t> opcodes, int times) {
+        vector<uint8_t> all;
+        for (int i = 0; i < times; i++)
+            all.insert(all.end(), opcodes.begin(), opcodes.end());
+        return all;
+    };
+    constexpr uint8_t advance = 0x41, remember = 0x0a, restore = 0x0b;
+    const std::pair<bool, vector<uint8_t>> programs[] = {
+        {true, {0x09, 3, static_cast<uint8_t>(columns - 1)}},
+        {false, {0x09, 3, columns}},  // register
+        {false, {0x09, 3, 0xff, 0xff, 0xff, 0xff, 0xff, 0x7f}},
+        {true, repeated({remember, advance, restore}, 80)},
+        {true, repeated({remember}, 64)},
+        {false, repeated({remember}, 65)},
+        {false, {remember, restore, restore}},
+    };
+    for (const auto& [accepted, rules] : programs)
+        EXPECT_EQ(rule_of(frame_table(""), rules) != nullptr, accepted) << testing::PrintToString(rules);
+
+    const std::pair<bool, vector<uint8_t>> expressions[] = {
+        {true, {}},
+        {true, {0x77, 8, 0x80, 0, 0x3f, 0x1a, 0x3b, 0x2a, 0x33, 0x24, 0x22}},  // of every linkage table
+        {true, {0x92, 7, 0x80, 1, 0x06, 0x23, 0x80, 1, 0x0c, 1, 2, 3, 4, 0x96}},
+        {false, {0x31, 0x30, 0x1b}},  // a division
+        {false, {0x08}},              // an operand is missing
+        {false, {0x9c}},
+        {true, {0x2f, 2, 0, 0x08, 0x1b, 0x30}},  // a jump past a constant
+        {true, {0x31, 0x28, 0, 0}},
+        {false, {0x2f, 1, 0, 0x08, 0x1b, 0x30}},  // and into it
+        {false, {0x2f, 1, 0}},                    // and out of the expression
+        {false, {0x2f, 0xfc, 0xff}},
+    };
+    for (const auto& [accepted, expression] : expressions) {
+        for (const uint8_t opcode : vector<uint8_t>{0x0f, 0x10, 0x16}) {
+            vector<uint8_t> rules = {opcode, 3, static_cast<uint8_t>(expression.size())};
+            if (opcode == 0x0f)
+                rules.erase(rules.begin() + 1);
+            rules.insert(rules.end(), expression.begin(), expression.end());
+            EXPECT_EQ(rule_of(frame_table(""), rules) != nullptr, accepted) << testing::PrintToString(rules);
+        }
+    }
+}
+
 // The call-frame table of a real program, with bytes changed at random: every entry is refused or made a rule
 // of, and nothing is read out of bounds.
 TEST(call_frame_info, survives_any_damage)
@@ -179,12 +315,7 @@ TEST(call_frame_info, survives_any_damage)
         const int changes = round == 0 ? 0 : 1 << (round % 12);
         for (int i = 0; i < changes; i++)
             bytes[random() % bytes.size()] = static_cast<uint8_t>(random());
-        const frame_section section = {false, 0, [&bytes](uint64_t at, void* to, size_t size) {
-                                           if (at > bytes.size() || size > bytes.size() - at)
-                                               return false;
-                                           memcpy(to, bytes.data() + at, size);
-                                           return true;
-                                       }};
+        const frame_section section = section_in(bytes, false);
         const auto index = index_frame_section(section, 0, bytes.size());
         if (round == 0) {
             EXPECT_GT(index.size(), 100U);

@@ -12,7 +12,9 @@ namespace
 {
 
 constexpr uint64_t max_entry_bytes = uint64_t{256} * 1024;  // the longest seen are some 10 KiB
+constexpr uint64_t max_common_bytes = 4096;      // some 30 are usual; an index may read one for each entry
 constexpr size_t max_index_entries = 4'000'000;  // the biggest programs known have about a million functions
+constexpr int max_remembered_states = 64;        // libunwind takes a kilobyte for each; one or two are usual
 
 struct entry_header {
     uint64_t body = 0;    // where the byte after the length is
@@ -58,7 +60,7 @@ std::optional<uint64_t> find_common_entry(const frame_section& section, const en
 bool read_common_entry(const frame_section& section, uint64_t at, frame_entry& entry, bool& has_data)
 {
     const auto header = read_header(section, at);
-    if (!header)
+    if (!header || header->length > max_common_bytes)
         return false;
     const auto body = read_body(section, *header);
     if (!body)
@@ -86,40 +88,36 @@ bool read_common_entry(const frame_section& section, uint64_t at, frame_entry& e
     entry.return_column = version == 1 ? reader.read<uint8_t>() : reader.read_uleb();
     entry.pointer_form = pointer_encoding::absolute;
     has_data = augmentation[0] == 'z';
-    if (!has_data && augmentation[0] != '\0')
+    const uint64_t length = has_data ? reader.read_uleb() : 0;
+    const uint64_t data_at = reader.address();
+    const uint8_t* data = reader.take(length);
+    if (data == nullptr)
         return false;
-    if (has_data) {
-        const uint64_t length = reader.read_uleb();
-        const uint64_t data_at = reader.address();
-        const uint8_t* data = reader.take(length);
-        if (data == nullptr)
-            return false;
-        byte_reader data_reader({data, length}, data_at);
-        bool known = true;
-        for (const char* c = augmentation + 1; *c != '\0' && known; c++) {
-            switch (*c) {
-                case 'R':
-                    entry.pointer_form = data_reader.read<uint8_t>();
-                    break;
-                case 'L':
-                    data_reader.read<uint8_t>();
-                    break;
-                case 'P':
-                    data_reader.read_pointer(data_reader.read<uint8_t>());
-                    break;
-                case 'S':
-                    entry.signal_frame = true;
-                    break;
-                case 'B':
-                    break;  // aarch64: return addresses are signed with the other key
-                default:
-                    known = false;
-            }
+    byte_reader data_reader({data, length}, data_at);
+    bool known = true;
+    for (const char* c = augmentation + (has_data ? 1 : 0); *c != '\0' && known; c++) {
+        switch (*c) {
+            case 'R':
+                entry.pointer_form = data_reader.read<uint8_t>();
+                break;
+            case 'L':
+                data_reader.read<uint8_t>();
+                break;
+            case 'P':
+                data_reader.read_pointer(data_reader.read<uint8_t>());
+                break;
+            case 'S':
+                entry.signal_frame = true;
+                break;
+            case 'B':
+                break;  // aarch64: return addresses are signed with the other key
+            default:
+                known = false;
         }
-        if (!data_reader.ok())
-            return false;
     }
-    if (!reader.ok() || entry.return_column > 0xff)
+    if (!data_reader.ok() || (!known && !has_data))
+        return false;  // without their length, unknown data cannot be skipped
+    if (!reader.ok() || entry.return_column >= machine::table_columns)
         return false;
     const auto rest = reader.rest();
     entry.initial_rules.assign(rest.begin(), rest.end());
@@ -139,9 +137,71 @@ bool read_range(const frame_section& section, byte_reader& reader, frame_entry& 
     return reader.ok() && entry.start < entry.end;
 }
 
-// Copies a call-frame program, instruction by instruction: checks that each is whole, turns signature toggles
-// into nothing (libunwind 1.6 gives up at one), gives DW_CFA_set_loc the form that the copy declares, and
-// ends after the last one that counts at pc.
+// Reads past the operands of an expression's instruction. False when libunwind has no such instruction.
+bool skip_expression_operands(byte_reader& reader, uint8_t opcode)
+{
+    switch (opcode) {
+        case 0x08:
+        case 0x09:
+        case 0x15:
+        case 0x94:
+            reader.take(1);  // const1u, const1s, pick, deref_size
+            return true;
+        case 0x0a:
+        case 0x0b:
+            reader.take(2);  // const2u, const2s
+            return true;
+        case 0x0c:
+        case 0x0d:
+            reader.take(4);  // const4u, const4s
+            return true;
+        case 0x03:
+        case 0x0e:
+        case 0x0f:
+            reader.take(8);  // addr, const8u, const8s
+            return true;
+        case 0x92:
+            reader.read_uleb();  // bregx
+            [[fallthrough]];
+        case 0x10:
+        case 0x11:
+        case 0x23:
+        case 0x90:
+            reader.read_uleb();  // constu, consts, plus_uconst, regx
+            return true;
+        default:
+            if (opcode >= 0x70 && opcode <= 0x8f)
+                reader.read_uleb();  // breg0 to breg31
+            return opcode == 0x06 || (opcode >= 0x12 && opcode <= 0x8f) || opcode == 0x96;
+    }
+}
+
+// libunwind's evaluation is safe from all but one thing: it divides, and the lowest number by -1 is a SIGFPE
+// on x86_64. So there must be no division, nor a jump to where one could hide. No compiler emits one.
+bool is_harmless_expression(std::span<const uint8_t> expression)
+{
+    constexpr uint8_t divide = 0x1b, branch = 0x28, skip = 0x2f;
+    byte_reader reader(expression, 0);
+    std::vector<bool> starts(expression.size() + 1);
+    std::vector<uint64_t> jumps;
+    while (!reader.at_end()) {
+        starts[reader.position()] = true;
+        const auto opcode = reader.read<uint8_t>();
+        if (opcode == branch || opcode == skip) {
+            const int64_t distance = reader.read<int16_t>();
+            jumps.push_back(reader.position() + static_cast<uint64_t>(distance));
+        } else if (opcode == divide || !skip_expression_operands(reader, opcode)) {
+            return false;
+        }
+    }
+    starts[expression.size()] = true;
+    return reader.ok() && std::all_of(jumps.begin(), jumps.end(),
+                                      [&starts](uint64_t to) { return to < starts.size() && starts[to]; });
+}
+
+// Copies a call-frame program, instruction by instruction: checks that each is whole and does libunwind no
+// harm, turns signature toggles into nothing (libunwind 1.6 gives up at one), gives DW_CFA_set_loc the form
+// that the copy declares, and ends after the last one that counts at pc.
 class rule_copier
 {
 public:
@@ -189,7 +249,14 @@ private:
         out_.insert(out_.end(), bytes, bytes + sizeof(location));
     }
 
-    static bool skip_operands(byte_reader& reader, uint8_t opcode, uint64_t& advance)
+    static bool skip_expression(byte_reader& reader)
+    {
+        const uint64_t length = reader.read_uleb();
+        const uint8_t* expression = reader.take(length);
+        return expression != nullptr && is_harmless_expression({expression, length});
+    }
+
+    bool skip_operands(byte_reader& reader, uint8_t opcode, uint64_t& advance)
     {
         switch (opcode & 0xc0) {
             case 0x40:
@@ -214,9 +281,16 @@ private:
                 advance = reader.read<uint32_t>();
                 break;
             case 0x00:
+                break;  // nop
             case 0x0a:
+                return ++remembered_states_ <= max_remembered_states;
             case 0x0b:
-                break;  // nop, remember_state, restore_state
+                return --remembered_states_ >= 0;
+            case 0x09:
+                reader.read_uleb();  // register
+                if (reader.read_uleb() >= machine::table_columns)
+                    return false;
+                break;
             case 0x06:
             case 0x07:
             case 0x08:
@@ -227,7 +301,6 @@ private:
                 reader.read_uleb();
                 break;
             case 0x05:
-            case 0x09:
             case 0x0c:
             case 0x11:
             case 0x12:
@@ -237,14 +310,12 @@ private:
                 reader.read_uleb();
                 reader.read_uleb();
                 break;
-            case 0x0f:
-                reader.take(reader.read_uleb());
-                break;  // def_cfa_expression
             case 0x10:
             case 0x16:  // expression, val_expression
                 reader.read_uleb();
-                reader.take(reader.read_uleb());
-                break;
+                return skip_expression(reader);
+            case 0x0f:  // def_cfa_expression
+                return skip_expression(reader);
             default:
                 return machine::toggles_signature(opcode);
         }
@@ -253,6 +324,7 @@ private:
 
     const frame_entry& entry_;
     std::vector<uint8_t>& out_;
+    int remembered_states_ = 0;
 };
 
 template <typename number>
@@ -358,7 +430,8 @@ std::vector<frame_index_entry> index_frame_section(const frame_section& section,
 {
     std::vector<frame_index_entry> index;
     const uint64_t end = at + size;
-    uint64_t common_known = ~uint64_t{0};  // neighbours mostly share their common entry
+    uint64_t common_read_at = 0;  // neighbours mostly share their common entry
+    bool common_known = false;
     frame_entry common;
     bool common_has_data = false;
     while (at < end && index.size() < max_index_entries) {
@@ -381,12 +454,13 @@ std::vector<frame_index_entry> index_frame_section(const frame_section& section,
             section, *header, header->wide ? reader.read<uint64_t>() : reader.read<uint32_t>());
         if (!common_at)
             continue;
-        if (*common_at != common_known) {
+        if (!common_known || *common_at != common_read_at) {
             common = {};
-            if (!read_common_entry(section, *common_at, common, common_has_data))
-                continue;
-            common_known = *common_at;
+            common_known = read_common_entry(section, *common_at, common, common_has_data);
+            common_read_at = *common_at;
         }
+        if (!common_known)
+            continue;
         frame_entry entry;
         entry.pointer_form = common.pointer_form;
         if (read_range(section, reader, entry, false))

@@ -19,6 +19,7 @@ namespace machine
 extern const std::span<const uint8_t> frame_record_rules;  // the caller's registers are in the frame record
 extern const std::span<const uint8_t> call_site_rules;     // nothing pushed since the call
 extern const uint8_t return_column;
+extern const uint64_t table_columns;  // those that libunwind has room for
 
 extern const int register_count;  // of machine_registers::word
 extern const unw_regnum_t stack_pointer;

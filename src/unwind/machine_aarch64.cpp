@@ -45,6 +45,7 @@ namespace machine
 const std::span<const uint8_t> frame_record_rules = frame_record_bytes;
 const std::span<const uint8_t> call_site_rules = call_site_bytes;
 const uint8_t return_column = 30;
+const uint64_t table_columns = 97;
 const int register_count = UNW_AARCH64_PSTATE + 1;
 const unw_regnum_t stack_pointer = UNW_AARCH64_SP;
 const unw_regnum_t frame_pointer = UNW_AARCH64_X29;

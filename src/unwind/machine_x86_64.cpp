@@ -24,6 +24,7 @@ namespace machine
 const std::span<const uint8_t> frame_record_rules = frame_record_bytes;
 const std::span<const uint8_t> call_site_rules = call_site_bytes;
 const uint8_t return_column = 16;
+const uint64_t table_columns = 17;
 const int register_count = UNW_X86_64_RIP + 1;
 const unw_regnum_t stack_pointer = UNW_X86_64_RSP;
 const unw_regnum_t frame_pointer = UNW_X86_64_RBP;
