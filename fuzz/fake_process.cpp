@@ -6,6 +6,7 @@
 #include <sys/mman.h>
 #include <sys/ptrace.h>
 #include <sys/uio.h>
+#include <sys/user.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -80,6 +81,7 @@ long __wrap_ptrace(int request, pid_t, const void*, iovec* set)
 {
     if (request != PTRACE_GETREGSET || target.registers.empty())
         return -1;
+    set->iov_len = sizeof(user_regs_struct);
     memcpy(set->iov_base, target.registers.data(), std::min(set->iov_len, target.registers.size()));
     return 0;
 }
