@@ -17,7 +17,7 @@ inside() {
     export DEBIAN_FRONTEND=noninteractive
     apt-get -qq update
     apt-get -qq install --no-install-recommends /package.deb man-db >/apt.log 2>&1 || { cat /apt.log && return 1; }
-    dpkg-query -W quorvineler libunwind8 'libdw1*' 'libelf1*' libstdc++6 libc6
+    dpkg-query -W quorvineler libunwind8 'libelf1*' liblzma5 libstdc++6 libc6
     stat -c '%A %U %n' /var/lib/quorvineler/reports
 
     sleep 1000 &
@@ -77,7 +77,7 @@ unpack_fresh_root() {
 
 # A package suits the release it was built on (libunwind): builds one in a root of that release.
 build_for_other_release() {
-    unpack_fresh_root "$codename-build" "$root-build" g++ cmake ninja-build pkg-config libunwind-dev libdw-dev libelf-dev \
+    unpack_fresh_root "$codename-build" "$root-build" g++ cmake ninja-build pkg-config libunwind-dev libelf-dev liblzma-dev \
         dpkg-dev file lintian
     mkdir "$root-build/source"
     git ls-files -z -co --exclude-standard | tar -c --null -T - | tar -x -C "$root-build/source"

@@ -1,10 +1,9 @@
 // See elf_file.h.
 #include "elf_file.h"
 
-#include <elfutils/libdwelf.h>
 #include <fcntl.h>
 #include <gelf.h>
-#include <sys/mman.h>
+#include <lzma.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,11 +11,38 @@
 #include <cstdio>
 #include <cstring>
 
+#include "byte_reader.h"
+
 namespace
 {
 
 constexpr uint64_t max_section_bytes =
     256u << 20;  // the biggest programs known have some 100 MiB of call-frame tables
+
+constexpr size_t max_unpacked_bytes = 64u << 20;  // MiniDebugInfo of the biggest programs takes a few MiB
+constexpr uint64_t max_unpacker_bytes = 128u << 20;
+
+// Unpacks xz data. Empty when it is damaged, or when it grows beyond what is sensible.
+std::vector<char> unpack_xz(const std::vector<uint8_t>& packed)
+{
+    lzma_stream stream = LZMA_STREAM_INIT;
+    if (lzma_stream_decoder(&stream, max_unpacker_bytes, 0) != LZMA_OK)
+        return {};
+    stream.next_in = packed.data();
+    stream.avail_in = packed.size();
+    std::vector<char> unpacked;
+    lzma_ret result = LZMA_OK;
+    while (result == LZMA_OK && unpacked.size() < max_unpacked_bytes) {
+        const size_t done = unpacked.size();
+        unpacked.resize(std::min(max_unpacked_bytes, std::max(packed.size() * 4, done * 2)));
+        stream.next_out = reinterpret_cast<uint8_t*>(unpacked.data() + done);
+        stream.avail_out = unpacked.size() - done;
+        result = lzma_code(&stream, LZMA_FINISH);
+    }
+    unpacked.resize(stream.total_out);
+    lzma_end(&stream);
+    return result == LZMA_STREAM_END ? unpacked : std::vector<char>();
+}
 
 // The descriptor of a regular file, or -1. Looks before it opens: opening a device can have effects, a FIFO
 // blocks.
@@ -154,9 +180,7 @@ std::vector<uint8_t> elf_file::section_bytes(const char* name) const
 
 std::string elf_file::build_id() const
 {
-    const void* bytes = nullptr;
-    const ssize_t size = dwelf_elf_gnu_build_id(elf_, &bytes);
-    return size > 0 ? std::string(static_cast<const char*>(bytes), static_cast<size_t>(size)) : std::string();
+    return find_build_id(section_bytes(".note.gnu.build-id"));
 }
 
 std::unique_ptr<elf_file> elf_file::open_mini_debug_info() const
@@ -164,21 +188,28 @@ std::unique_ptr<elf_file> elf_file::open_mini_debug_info() const
     const std::vector<uint8_t> packed = section_bytes(".gnu_debugdata");
     if (packed.empty())
         return nullptr;
-    const int fd = memfd_create("gnu_debugdata", MFD_CLOEXEC);  // libdw unpacks files, not memory
-    if (fd < 0)
-        return nullptr;
     auto unpacked = std::make_unique<elf_file>();
-    if (write(fd, packed.data(), packed.size()) == static_cast<ssize_t>(packed.size()) &&
-        lseek(fd, 0, SEEK_SET) == 0) {
-        if (Elf* elf = dwelf_elf_begin(fd)) {
-            size_t size = 0;
-            if (const char* bytes = elf_rawfile(elf, &size); bytes != nullptr)
-                unpacked->open_image({bytes, bytes + size});
-            elf_end(elf);
+    return unpacked->open_image(unpack_xz(packed)) ? std::move(unpacked) : nullptr;
+}
+
+std::string find_build_id(std::span<const uint8_t> notes)
+{
+    byte_reader reader(notes, 0);
+    while (!reader.at_end()) {
+        const auto name_bytes = reader.read<uint32_t>();
+        const auto data_bytes = reader.read<uint32_t>();
+        const auto type = reader.read<uint32_t>();
+        const uint8_t* name = reader.take((uint64_t{name_bytes} + 3) & ~uint64_t{3});
+        const uint8_t* data = reader.take(data_bytes);
+        if (!reader.ok())
+            return {};
+        if (type == NT_GNU_BUILD_ID && name_bytes == 4 && memcmp(name, "GNU", 4) == 0) {
+            return {reinterpret_cast<const char*>(data), data_bytes};
         }
+        if (!reader.at_end())  // the last one's padding may be missing
+            reader.take(-data_bytes & 3U);
     }
-    close(fd);
-    return unpacked->sections().empty() ? nullptr : std::move(unpacked);
+    return {};
 }
 
 std::unique_ptr<elf_file> open_mapped_file(pid_t tid, const mapping& file, const std::string& build_id)

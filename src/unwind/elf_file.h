@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -45,7 +46,6 @@ public:
     // A section's bytes, decompressed. Empty when it has none in the file, or more than is sensible.
     std::vector<uint8_t> section_bytes(const char* name) const;
 
-    // Raw bytes; empty without one.
     std::string build_id() const;
 
     // The small symbol table that distributions pack into stripped files (.gnu_debugdata). Null when there is
@@ -60,6 +60,9 @@ private:
     std::vector<char> image_;
     std::vector<section> sections_;
 };
+
+// The build-id among notes, as they lie in a file or in memory: raw bytes, empty without one.
+std::string find_build_id(std::span<const uint8_t> notes);
 
 // Opens the file that a mapping shows: through the kernel's own link to it, then inside the target's root,
 // then by its path. The latter two only count when they are the mapped file: by inode, or by build_id when

@@ -24,26 +24,6 @@ uint64_t align_down(uint64_t value, uint64_t alignment)
     return alignment > 1 ? value & ~(alignment - 1) : value;
 }
 
-std::string find_build_id(std::span<const uint8_t> notes)
-{
-    byte_reader reader(notes, 0);
-    while (!reader.at_end()) {
-        const auto name_bytes = reader.read<uint32_t>();
-        const auto data_bytes = reader.read<uint32_t>();
-        const auto type = reader.read<uint32_t>();
-        const uint8_t* name = reader.take((uint64_t{name_bytes} + 3) & ~uint64_t{3});
-        const uint8_t* data = reader.take(data_bytes);
-        if (!reader.ok())
-            return {};
-        if (type == NT_GNU_BUILD_ID && name_bytes == 4 && memcmp(name, "GNU", 4) == 0) {
-            return {reinterpret_cast<const char*>(data), data_bytes};
-        }
-        if (!reader.at_end())  // the last one's padding may be missing
-            reader.take(-data_bytes & 3U);
-    }
-    return {};
-}
-
 const frame_index_entry* find_entry(const std::vector<frame_index_entry>& index, uint64_t pc)
 {
     auto after = std::upper_bound(index.begin(), index.end(), pc,
