@@ -1,7 +1,6 @@
 #!/usr/bin/env bash
-# Installs this machine's package in a fresh, minimal Debian 12 and 13 (mmdebstrap), each a folder with its own mounts and
-# processes, and looks whether client, server, crash report and manual work there. Called by ./dev package-check [12|13]...
-# after ./dev package. The archive is the one this system's own packages come from.
+# Installs this machine's package in a fresh, minimal Debian 12 and 13, and looks whether client, server, crash report and
+# manual work there. Called by ./dev package-check [12|13]... after ./dev package.
 set -euo pipefail
 cd "$(dirname "$(readlink -f "$0")")/.."
 
@@ -12,8 +11,6 @@ die() {
 
 # What runs inside; every line of its output is a finding, and it ends at the first failure.
 inside() {
-    # A machine's postinst starts daemons; this folder is none.
-    printf '#!/bin/sh\nexit 101\n' >/usr/sbin/policy-rc.d && chmod 755 /usr/sbin/policy-rc.d
     export DEBIAN_FRONTEND=noninteractive
     apt-get -qq update
     apt-get -qq install --no-install-recommends /package.deb man-db >/apt.log 2>&1 || { cat /apt.log && return 1; }
@@ -53,37 +50,15 @@ fi
 
 [[ $(id -u) == 0 ]] || die "run it as root"
 machine=$(dpkg --print-architecture)
-
-# shellcheck disable=SC1091  # a file of the system
-own=$(. /etc/os-release && echo "$VERSION_CODENAME")
-# shellcheck disable=SC2016  # $(...) is apt's own notation
-archive=$(apt-get indextargets --format '$(RELEASE) $(COMPONENT) $(REPO_URI)' 'Created-By: Packages' |
-    awk -v release="$own" '$1 == release && $2 == "main" { print $3; exit }')
-[[ $archive ]] || die "no Debian archive among this system's apt sources"
-
-# unpack_fresh_root NAME FOLDER [PACKAGE...]: a minimal Debian; kept as an archive, as it takes minutes to fetch
-unpack_fresh_root() {
-    local base=.cache/package-check/$1.tar packages
-    if [[ ! -e $base ]]; then
-        mkdir -p .cache/package-check
-        packages=$(IFS=, && echo "${*:3}")
-        mmdebstrap --quiet --variant=minbase --architectures="$machine" --include="$packages" "$codename" "$base.new" \
-            "deb [signed-by=$keyring] $archive $codename main"
-        mv "$base.new" "$base"
-    fi
-    mkdir "$2"
-    tar -C "$2" -xf "$base"
-}
+. scripts/fresh_root.sh
 
 # A package suits the release it was built on (libunwind): builds one in a root of that release.
 build_for_other_release() {
-    unpack_fresh_root "$codename-build" "$root-build" g++ cmake ninja-build pkg-config libunwind-dev libelf-dev liblzma-dev \
+    unpack_fresh_root "$codename" "$codename-build" "$root-build" g++ cmake ninja-build pkg-config libunwind-dev libelf-dev liblzma-dev \
         dpkg-dev file lintian
     mkdir "$root-build/source"
     git ls-files -z -co --exclude-standard | tar -c --null -T - | tar -x -C "$root-build/source"
-    # shellcheck disable=SC2016  # expanded inside
-    unshare --mount --pid --fork --kill-child bash -c 'mount -t proc proc "$1/proc" &&
-        exec chroot "$1" /source/scripts/package.sh "$2"' - "$root-build" "$machine" || die "Debian $debian: could not build"
+    run_in_root "$root-build" /source/scripts/package.sh "$machine" || die "Debian $debian: could not build"
     cp "$root-build/source/build-package/"*.deb build-package/
     package=$(echo "build-package/quorvineler_"*"+deb${debian}_$machine.deb")
 }
@@ -92,24 +67,14 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 (($#)) || set -- 12 13
 for debian in "$@"; do
-    case $debian in
-        12) codename=bookworm ;;
-        13) codename=trixie ;;
-        *) die "12 or 13, not '$debian'" ;;
-    esac
+    codename=$(debian_codename "$debian")
     root=$work/$codename
-    keyring=/usr/share/keyrings/debian-archive-$codename-stable.gpg
     package=$(echo "build-package/quorvineler_"*"+deb${debian}_$machine.deb")
-    [[ $codename == "$own" ]] || build_for_other_release
+    [[ $codename == "$(own_codename)" ]] || build_for_other_release
     [[ -e $package ]] || die "no $package: run ./dev package first"
-    unpack_fresh_root "$codename" "$root"
+    unpack_fresh_root "$codename" "$codename" "$root"
     cp "$package" "$root/package.deb"
     cp scripts/package_check.sh "$root/package_check"
-    [[ ! -e /etc/resolv.conf ]] || cp -L /etc/resolv.conf "$root/etc/resolv.conf"
     echo "== Debian $debian"
-    # The last process of the namespace is its first: all others end with it.
-    # shellcheck disable=SC2016  # expanded inside
-    unshare --mount --pid --fork --kill-child bash -c '
-        mount -t proc proc "$1/proc" && mount --rbind /dev "$1/dev" && mount -t tmpfs tmpfs "$1/tmp" &&
-            exec chroot "$1" /bin/bash /package_check --inside' - "$root" || die "Debian $debian: failed"
+    run_in_root "$root" /bin/bash /package_check --inside || die "Debian $debian: failed"
 done
