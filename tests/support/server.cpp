@@ -54,6 +54,14 @@ server::server(const vector<string>& args)
     idle_descriptors = open_descriptors();
 }
 
+server::~server()
+{
+    if (!lives())
+        return;
+    kill(pid(), SIGTERM);
+    wait_for_end();
+}
+
 string server::log() const
 {
     return file_text(log_path);

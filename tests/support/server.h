@@ -17,6 +17,8 @@ class server : public target
 public:
     // Returns when the server listens.
     explicit server(const std::vector<std::string>& args = {"-s"});
+    // Ends it as its administrator would.
+    ~server();
 
     // All its log entries so far, each a line like "I DumpServer[812]: text".
     std::string log() const;
