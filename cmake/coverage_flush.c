@@ -1,5 +1,5 @@
-// For coverage builds only, where the linker puts these in the place of the calls they wrap: a process that is
-// about to end by a signal of its own writes its counters first, as the end of main does.
+// For coverage builds only, where the linker puts these in the place of the calls they wrap: a process that
+// is about to end by a signal of its own writes its counters first, as the end of main does.
 #define _GNU_SOURCE
 #include <gcov.h>
 #include <signal.h>

@@ -15,50 +15,6 @@
 using std::string;
 using std::stringstream;
 
-namespace
-{
-// One thread's block, dumped in this process.
-thread_block dump_block(pid_t pid, pid_t tid, int mode)
-{
-    dumper_test job(pid, tid, mode);
-    EXPECT_EQ(job.job.init_process_map(), 0);
-    stringstream ss;
-    EXPECT_EQ(job.job.dump_thread(tid, false, &ss), 0) << log_as_text();
-    thread_block block = parse_block(ss.str());
-    EXPECT_TRUE(block.whole) << ss.str();
-    EXPECT_EQ(job.report(), "");
-    return block;
-}
-
-}  // namespace
-
-TEST(backtrace, has_its_form_with_names_and_without)
-{
-    const target program({"threads", "0"});
-    for (const int mode : {int{SILENT}, SILENT | FUNC_PARSE}) {
-        const string named = mode & FUNC_PARSE ? R"(|  (\?\?|[/\[]\S*) \(.+ \+ 0x[0-9a-f]+\))" : "";
-        const std::regex form(R"(#( \d|\d\d) pc 0x[1-9a-f][0-9a-f]*( (\?\?|[/\[]\S*))" + named + ")");
-        int number = 0;
-        for (const string& frame : dump_block(program.pid(), program.pid(), mode).frames) {
-            EXPECT_TRUE(std::regex_match(frame, form)) << frame;
-            EXPECT_EQ(atoi(frame.c_str() + 1), number++);
-        }
-    }
-}
-
-TEST(backtrace, shows_code_of_no_file_as_unknown)
-{
-    const target program({"odd", "--code"});
-    for (const int mode : {int{SILENT}, SILENT | FUNC_PARSE}) {
-        thread_block block;
-        const std::regex unknown(R"(# 0 pc 0x[0-9a-f]+ \?\?)");
-        EXPECT_TRUE(eventually([&] {  // it says so just before it jumps there
-            block = dump_block(program.pid(), program.pid(), mode);
-            return !block.frames.empty() && std::regex_match(block.frames[0], unknown);
-        })) << (block.frames.empty() ? "no frames" : block.frames[0]);
-    }
-}
-
 TEST(capture, of_a_thread_that_is_not_held_leaves_the_heading)
 {
     const target program({"odd", "free"});

@@ -65,6 +65,7 @@ TEST_F(statistics, survive_any_process_name_and_any_stat_line)
         {"(a b  c) R 1\n", {"R", "1"}},
         {"(a) Z (b) R 1\n", {"Z", "(b)", "R", "1"}},  // split behind the first ")"
         {"(a\nb) R  1   2 \n", {"R", "1", "2"}},
+        {"(%s%n) R 1\n", {"R", "1"}},
         {"(open S 1 2\n", {}},
         {"(sleeper)\n", {}},
         {"(sleeper) \n", {}},
@@ -134,4 +135,21 @@ TEST(open_files, are_listed_with_64_characters_of_their_names)
     dumper_test gone(0, -1);
     EXPECT_EQ(gone.opened_file(), -2);
     EXPECT_EQ(gone.report(), "\nOpen files:\n");
+}
+
+TEST(report, cuts_a_text_at_2046_characters_wherever_it_goes)
+{
+    for (const size_t length : {10U, 2045U, 2046U, 2047U, 3000U}) {
+        clear_log();
+        dumper_test job(1, 1, 0);
+        const string text(length, 'x');
+        const string expected = text.substr(0, 2046);
+        stringstream ss;
+        EXPECT_EQ(job.to_stream(ss, true, text), static_cast<int>(length));
+        EXPECT_EQ(ss.str(), expected);
+        EXPECT_EQ(job.report(), "");
+        EXPECT_EQ(job.to_report(true, text), static_cast<int>(expected.size()));
+        EXPECT_EQ(job.report(), expected);
+        EXPECT_EQ(log_as_text(), "4 Dumper: " + expected + "\n4 Dumper: " + expected + "\n");
+    }
 }

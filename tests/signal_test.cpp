@@ -41,16 +41,6 @@ TEST(signal_summary, names_nine_signals)
         EXPECT_EQ(sys_stat::get_signame(signo), names.contains(signo) ? names.at(signo) : "?") << signo;
 }
 
-TEST(signal_summary, tells_which_signals_carry_an_address)
-{
-    for (int signo = 1; signo < 32; signo++)
-        for (const int code : {int{SI_USER}, int{SI_QUEUE}, int{SI_TKILL}, 1}) {
-            const siginfo_t info = signal_info(signo, code, 0x10);
-            const bool has = signo == 4 || signo == 5 || signo == 7 || signo == 8 || signo == 11;
-            EXPECT_EQ(sys_stat::signal_has_si_addr(&info), has && code == 1) << signo << " " << code;
-        }
-}
-
 TEST(signal_summary, is_one_line_that_names_the_thread)
 {
     prctl(PR_SET_NAME, "fifteen_letters");

@@ -61,28 +61,3 @@ TEST(sys_stat, indents_every_piece_of_a_copied_file)
         EXPECT_EQ(out.str(), expected);
     }
 }
-
-TEST(sys_stat, reads_the_files_of_a_process_or_of_itself)
-{
-    const target sleeper({"odd", "quiet one"});
-    const pid_t pid = sleeper.pid();
-    char buf[512];
-    EXPECT_TRUE(sys_stat::get_process_cmdline(buf, sizeof(buf), pid));
-    EXPECT_EQ(buf, build_dir() + "/tests/targets/odd");
-    EXPECT_TRUE(sys_stat::get_thread_name(buf, 17, pid, pid));
-    EXPECT_STREQ(buf, "quiet one");
-    const string own_name = file_text("/proc/self/comm");
-    EXPECT_TRUE(sys_stat::get_process_name(buf, 65, -1));
-    EXPECT_EQ(buf + string("\n"), own_name);
-    EXPECT_TRUE(sys_stat::get_thread_name(buf, 5, -1, -1));
-    EXPECT_EQ(buf, own_name.substr(0, 4));
-
-    strcpy(buf, "untouched");
-    EXPECT_FALSE(sys_stat::get_process_name(buf, 65, 0));
-    EXPECT_FALSE(sys_stat::get_process_cmdline(buf, 65, 2));  // a kernel thread has none
-    EXPECT_FALSE(sys_stat::get_process_stat(buf, 65, pid, static_cast<uint32_t>(-1)));
-    EXPECT_FALSE(sys_stat::get_thread_schedstat(buf, 65, pid, 1));
-    EXPECT_FALSE(sys_stat::get_thread_name(buf, 17, -1, 5));
-    EXPECT_FALSE(sys_stat::get_thread_name(buf, 17, pid, -1));
-    EXPECT_STREQ(buf, "untouched");
-}

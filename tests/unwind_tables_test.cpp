@@ -148,20 +148,6 @@ TEST(target_maps, lines_are_taken_apart_and_others_refused)
         EXPECT_FALSE(parse_mapping(odd, got)) << odd;
 }
 
-TEST(byte_reader, gives_nothing_past_the_end)
-{
-    const uint8_t endless[] = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff};
-    byte_reader unsigned_number(endless, 0);
-    unsigned_number.read_uleb();
-    EXPECT_FALSE(unsigned_number.ok());
-    byte_reader signed_number(endless, 0);
-    signed_number.read_sleb();
-    EXPECT_FALSE(signed_number.ok());
-    byte_reader block(endless, 0);
-    EXPECT_EQ(block.take(~uint64_t{0}), nullptr);
-    EXPECT_TRUE(block.at_end());
-}
-
 static frame_section section_in(const vector<uint8_t>& bytes, bool is_debug_frame)
 {
     return {is_debug_frame, 0, [&bytes](uint64_t at, void* to, size_t size) {

@@ -1,12 +1,9 @@
 // Odd programs to be dumped. usage: odd NAME     waits under that process name
-//                                    odd --code   runs in code that it made itself, in anonymous memory
 //                                    odd --churn  threads are born and die all the time
 #include <pthread.h>
-#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <string>
 
 namespace
@@ -14,24 +11,6 @@ namespace
 void say(const char* text)
 {
     (void)!write(STDOUT_FILENO, text, 1);
-}
-
-void loop_for_ever()
-{
-    for (;;)
-        asm volatile("");
-}
-
-// In a copy of a function that runs wherever it stands.
-void run_made_code()
-{
-    constexpr size_t size = 4096;
-    void* code = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    memcpy(code, reinterpret_cast<void*>(loop_for_ever), 32);
-    mprotect(code, size, PROT_READ | PROT_EXEC);
-    __builtin___clear_cache(static_cast<char*>(code), static_cast<char*>(code) + size);
-    say("r");
-    reinterpret_cast<void (*)()>(code)();
 }
 
 void* die_soon(void*)
@@ -59,10 +38,7 @@ void churn()
 int main(int, char** argv)
 {
     setpgid(0, 0);  // not a group of orphans, which Ctrl-Z would not stop
-    const std::string mode = argv[1];
-    if (mode == "--code")
-        run_made_code();
-    if (mode == "--churn")
+    if (std::string(argv[1]) == "--churn")
         churn();
     prctl(PR_SET_NAME, argv[1]);
     say("r");

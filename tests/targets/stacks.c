@@ -139,32 +139,33 @@ void loop_in_expression(void)
     sink++;
 }
 
+void recurse_deeply(void)
+{
+    recurse(5000);
+}
+
 int main(int argc, char** argv)
 {
-    const char* kind = argc > 1 ? argv[1] : "plain";
-    if (strcmp(kind, "plain") == 0)
-        outer();
-    if (strcmp(kind, "deep") == 0)
-        recurse(5000);
-    if (strcmp(kind, "vdso") == 0)
-        ask_the_time();
-    if (strcmp(kind, "anonymous") == 0)
-        call_anonymous();
-    if (strcmp(kind, "loop") == 0)
-        loop_in_expression();
-    if (strcmp(kind, "null") == 0) {
-        catch_signal(SIGSEGV);
-        call_null();
-    }
-    if (strcmp(kind, "leaf") == 0) {
-        catch_signal(SIGSEGV);
-        call_leaf();
-    }
-    if (strcmp(kind, "spin") == 0)
-        call_spin();
-    if (strcmp(kind, "signal") == 0) {
-        catch_signal(SIGUSR1);
-        raise_signal();
-    }
+    static const struct {
+        const char* name;
+        void (*run)(void);
+        int caught_signal;
+    } kinds[] = {
+        {"plain", outer, 0},
+        {"deep", recurse_deeply, 0},
+        {"vdso", ask_the_time, 0},
+        {"anonymous", call_anonymous, 0},
+        {"loop", loop_in_expression, 0},
+        {"spin", call_spin, 0},
+        {"null", call_null, SIGSEGV},
+        {"leaf", call_leaf, SIGSEGV},
+        {"signal", raise_signal, SIGUSR1},
+    };
+    for (size_t i = 0; argc > 1 && i < sizeof(kinds) / sizeof(kinds[0]); i++)
+        if (strcmp(argv[1], kinds[i].name) == 0) {
+            if (kinds[i].caught_signal != 0)
+                catch_signal(kinds[i].caught_signal);
+            kinds[i].run();
+        }
     return 1;
 }
