@@ -101,6 +101,7 @@ TEST(process_dump, has_its_sections_in_order)
     const thread_block block = parse_block(section(thread.out, "Cmdline: ", "\nMemory map:\n"));
     EXPECT_TRUE(block.whole && number(block.tid) == tid && number(block.pid) == pid) << thread.out;
     EXPECT_TRUE(thread.out.ends_with(map)) << thread.out;
+    EXPECT_TRUE(run_tool({"-t", tid}).out.starts_with(opening)) << "a thread's number stands for its process";
     EXPECT_THAT(log_entries(thread.err),
                 testing::ElementsAre("I DumpServer: Dump_thread_stats pid=" + pid + ", tid=" + tid,
                                      "I DumpServer: Dumpstat dump_thread_stats takes:# ms"));
@@ -163,12 +164,13 @@ TEST(process_dump, that_is_interrupted_leaves_its_target_running)
     int interrupted = 0;
     for (const int signo : {SIGTERM, SIGINT, SIGHUP})
         for (useconds_t us = 2000; us < 150000; us *= 2) {
-            running_program tool({build_dir() + "/dump_server", "-p", number(program.pid())});
+            target tool({build_dir() + "/dump_server", "-p", number(program.pid()), "-f", "/tmp/report"},
+                        false);
             usleep(us / 2 + static_cast<useconds_t>(rand()) % (us / 2));
             kill(tool.pid(), signo);
-            const tool_run run = tool.finish();
-            EXPECT_TRUE(run.status == 0 || run.status == signo) << run.status;
-            interrupted += run.status == signo;
+            const int status = tool.wait_for_end();
+            EXPECT_TRUE(status == 0 || status == signo) << status;
+            interrupted += status == signo;
             ASSERT_TRUE(program.runs_untraced()) << us;
         }
     EXPECT_GT(interrupted, 0);

@@ -11,6 +11,7 @@
 
 struct dumper_test {
     dumper job;
+    bool detach_failed = false;
 
     static constexpr const char* report_file = "/tmp/report";
     dumper_test(pid_t pid, pid_t tid, int mode = SILENT, const std::string& path = report_file)
@@ -39,9 +40,8 @@ struct dumper_test {
     void header_info() { job.dump_header_info(); }
     void process_info() { job.dump_process_info(); }
     int opened_file() { return job.dump_opened_file(); }
-    int thread_exist(pid_t tid) { return job.thread_exist(tid); }
-    int wait_for_sigstop(bool* detach_failed, pid_t tid) { return job.wait_for_sigstop(detach_failed, tid); }
-    bool release_thread(bool detach_failed, pid_t tid) { return job.release_thread(detach_failed, tid); }
+    int wait_for_sigstop(pid_t tid = -1) { return job.wait_for_sigstop(&detach_failed, tid); }
+    bool release_thread() { return job.release_thread(detach_failed, -1); }
     int registers(std::stringstream* ss, pid_t tid)
     {
         thread_snapshot snapshot;

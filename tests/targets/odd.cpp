@@ -1,6 +1,8 @@
-// Odd programs to be dumped. usage: odd NAME     waits under that process name
+// Odd programs to be dumped. usage: odd NAME     waits under that process name; SIGUSR1 makes it another
+//                                    user's, and root's again, and it says so
 //                                    odd --churn  threads are born and die all the time
 #include <pthread.h>
+#include <signal.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
@@ -11,6 +13,12 @@ namespace
 void say(const char* text)
 {
     (void)!write(STDOUT_FILENO, text, 1);
+}
+
+void change_user(int)
+{
+    (void)!seteuid(geteuid() == 0 ? 65534 : 0);
+    say("u");
 }
 
 void* die_soon(void*)
@@ -40,6 +48,7 @@ int main(int, char** argv)
     setpgid(0, 0);  // not a group of orphans, which Ctrl-Z would not stop
     if (std::string(argv[1]) == "--churn")
         churn();
+    signal(SIGUSR1, change_user);
     prctl(PR_SET_NAME, argv[1]);
     say("r");
     for (;;)
