@@ -64,15 +64,10 @@ void expect_form(const vector<string>& frames, bool named)
         EXPECT_TRUE(std::regex_match(frames[i], form) && stoul(frames[i].substr(1)) == i) << frames[i];
 }
 
-}  // namespace
-
-class report_of : public testing::TestWithParam<const char*>
+void expect_true_report(const string& name)
 {
-};
-
-TEST_P(report_of, shows_each_thread_where_it_is)
-{
-    const target program({GetParam(), std::to_string(workers), std::to_string(frames_each)});
+    SCOPED_TRACE(name);
+    const target program({name, std::to_string(workers), std::to_string(frames_each)});
     const pid_t pid = program.pid();
     ASSERT_TRUE(eventually([&] { return thread_ids(pid).size() == workers + 1; }));  // the herald has gone
     const tool_run run = run_tool({"-p", std::to_string(pid)});
@@ -81,6 +76,7 @@ TEST_P(report_of, shows_each_thread_where_it_is)
 
     const mapping_list mappings = mappings_of(pid);
     std::set<uint64_t> stacks;
+    size_t traces = 0;  // read after the release: a thread that has not got back to its wait yet has none
     std::map<pid_t, vector<string>> pcs;
     for (const thread_block& block : report.blocks) {
         SCOPED_TRACE(block.text);
@@ -124,10 +120,12 @@ TEST_P(report_of, shows_each_thread_where_it_is)
             EXPECT_THAT(functions, testing::Contains(testing::HasSubstr("_M_run()")));
         }
 
-        EXPECT_FALSE(block.kernel_trace.empty());
+        traces += !block.kernel_trace.empty();
         for (const string& line : block.kernel_trace)
             EXPECT_TRUE(line.starts_with("  [<0>] ")) << line;
     }
+
+    EXPECT_GT(traces, 0U);
 
     // Without names: the same frames.
     const process_report plain = parse_process_report(run_tool({"-F", "-p", std::to_string(pid)}).out);
@@ -143,5 +141,10 @@ TEST_P(report_of, shows_each_thread_where_it_is)
     EXPECT_TRUE(program.runs_untraced());
 }
 
-INSTANTIATE_TEST_SUITE_P(programs, report_of, testing::Values("threads", "threads_signed"),
-                         [](const auto& test) { return string(test.param); });
+}  // namespace
+
+TEST(report, shows_each_thread_where_it_is)
+{
+    expect_true_report("threads");
+    expect_true_report("threads_signed");
+}
