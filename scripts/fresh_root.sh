@@ -44,9 +44,10 @@ unpack_fresh_root() {
 
 # run_in_root FOLDER COMMAND...
 run_in_root() {
-    # The last process of the namespace is its first: all others end with it.
+    # The last process of the namespace is its first: all others end with it. The bind makes the folder a mount of its own,
+    # as a root is.
     # shellcheck disable=SC2016  # expanded inside
     unshare --mount --pid --fork --kill-child bash -c '
-        mount -t proc proc "$1/proc" && mount --rbind /dev "$1/dev" && mount -t tmpfs tmpfs "$1/tmp" &&
+        mount --bind "$1" "$1" && mount -t proc proc "$1/proc" && mount --rbind /dev "$1/dev" && mount -t tmpfs tmpfs "$1/tmp" &&
             exec chroot "$@"' - "$@"
 }

@@ -3,10 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <iterator>
 #include <random>
 
 #include "support/target.h"
+#include "unwind/byte_reader.h"
 #include "unwind/call_frame_info.h"
 #include "unwind/elf_file.h"
 #include "unwind/machine.h"
