@@ -5,12 +5,14 @@
 
 #include <errno.h>
 #include <execinfo.h>
+#include <poll.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <mutex>
 #include <semaphore>
@@ -18,6 +20,7 @@
 #include <thread>
 
 #include "dumper.h"
+#include "open_connections.h"
 #include "system_log.h"
 #include "trace_gate.h"
 
@@ -67,8 +70,8 @@ void resume_if_stopped(dumper& dp, pid_t pid)
 }
 
 // Body of a connection thread.
-void serve_connection(const int& clifd, std::binary_semaphore& sk_lock, dumper_comm& comm,
-                      dump_server* service)
+void serve_connection(const int& clifd, std::binary_semaphore& sk_lock, open_connections& connections,
+                      dumper_comm& comm, dump_server* service)
 {
     const int sk = clifd;
     sk_lock.release();
@@ -78,13 +81,26 @@ void serve_connection(const int& clifd, std::binary_semaphore& sk_lock, dumper_c
         const ssize_t length = TEMP_FAILURE_RETRY(recv(sk, recv_buf, sizeof(dumper_frame), 0));
         if (length <= 0)
             break;
+        connections.busy(sk);
         const int ret = comm.handle_dump_req(sk, recv_buf, service);
+        connections.idle(sk);
         if (ret < 0) {
             __android_log_print(ANDROID_LOG_ERROR, "DumpServer", "handle_dump_req failed, ret:%d\n", ret);
             break;
         }
     }
+    connections.forget(sk);
     close(sk);
+}
+
+// Waits for the next connection. While there are too many, it looks for idle ones now and then.
+void wait_for_connection(int serfd, open_connections& connections)
+{
+    constexpr int sweep_ms = std::chrono::milliseconds(open_connections::sweep_period).count();
+    pollfd readable = {serfd, POLLIN, 0};
+    do
+        connections.close_idle();
+    while (TEMP_FAILURE_RETRY(poll(&readable, 1, connections.too_many() ? sweep_ms : -1)) == 0);
 }
 
 }  // namespace
@@ -240,11 +256,13 @@ void stack_dumpper(dump_server* service)
     }
     signal(SIGPIPE, SIG_IGN);
 
+    open_connections connections;
     std::binary_semaphore sk_lock(1);  // hands clifd over: released by the thread that has copied it
     int clifd = -1;
     for (;;) {
         sockaddr_un cilent_addr = {};
         socklen_t clilen = sizeof(cilent_addr);
+        wait_for_connection(comm.serfd, connections);
         sk_lock.acquire();
         clifd = accept4(comm.serfd, reinterpret_cast<sockaddr*>(&cilent_addr), &clilen, SOCK_CLOEXEC);
         if (clifd < 0) {
@@ -254,12 +272,15 @@ void stack_dumpper(dump_server* service)
             continue;
         }
         __android_log_print(ANDROID_LOG_INFO, "DumpServer", "Dumper socket accepted\n");
+        connections.idle(clifd);
         try {
-            std::thread(serve_connection, std::cref(clifd), std::ref(sk_lock), std::ref(comm), service)
+            std::thread(serve_connection, std::cref(clifd), std::ref(sk_lock), std::ref(connections),
+                        std::ref(comm), service)
                 .detach();
         } catch (const std::system_error& error) {
             __android_log_print(ANDROID_LOG_ERROR, "DumpServer", "No thread for a connection: %s\n",
                                 error.what());
+            connections.forget(clifd);
             close(clifd);
             sk_lock.release();
         }

@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -229,6 +230,8 @@ TEST_F(server_mode, serves_others_whatever_a_peer_does)
     const target other({"threads", "0"});
     EXPECT_EQ(ask(of(other, CMD_PROCESS_STAT)), 0);
     EXPECT_EQ(reports_in(dir, to_string(other.pid())).size(), 1u);
+    EXPECT_TRUE(std::ranges::none_of(silent, [](const connection& one) { return one.closed_by_server(0); }))
+        << "they have been idle for a moment only";
 }
 
 TEST_F(server_mode, lets_other_users_ask_only_for_processes_of_their_own)
