@@ -4,21 +4,24 @@
 #include "system_log.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/uio.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 
 namespace
 {
 constexpr int facility_daemon = 3 << 3;  // syslog(3)
-constexpr size_t max_entry = 4096;       // PIPE_BUF: what a pipe that polls writable takes without blocking
+constexpr size_t max_entry = 4096;       // PIPE_BUF: a pipe takes it whole or not at all
 
 int syslog_severity(int prio)
 {
@@ -44,14 +47,87 @@ bool send_to_syslog(const char* entry, size_t length)
     return sent >= 0;
 }
 
-// Drops the entry when standard error would block: a held target may be the one that reads it.
-void write_to_stderr(char* entry, size_t length)
+// Never waits for who reads standard error, a held target perhaps: false when it would.
+bool write_to_stderr(const char* line, size_t length)
 {
+    ssize_t written = send(STDERR_FILENO, line, length, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (written >= 0 || errno != ENOTSOCK)
+        return written >= 0;
+    // A pipe that polls writable may be full when the write comes, if others write too; and its flags belong
+    // to all who share it. So the write goes through an open file of our own.
+    struct stat file;
+    if (fstat(STDERR_FILENO, &file) == 0 && S_ISFIFO(file.st_mode)) {
+        const int fd = open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+        if (fd >= 0) {
+            written = write(fd, line, length);
+            close(fd);
+            return written >= 0;
+        }
+    }
     pollfd writable = {STDERR_FILENO, POLLOUT, 0};
     if (poll(&writable, 1, 0) != 1 || !(writable.revents & POLLOUT))
+        return false;
+    return write(STDERR_FILENO, line, length) >= 0;
+}
+
+struct log_entry {
+    char text[max_entry];
+    size_t length = 0;
+};
+
+// Returns what __android_log_print does.
+int vmake_entry(log_entry& entry, int prio, const char* tag, const char* fmt, va_list args)
+{
+    const int head = snprintf(entry.text, sizeof(entry.text),
+                              "<%d>%.64s[%d]: ", facility_daemon + syslog_severity(prio), tag, getpid());
+    const size_t room = sizeof(entry.text) - static_cast<size_t>(head) - 1;  // one byte stays for a newline
+    const int text = vsnprintf(entry.text + head, room, fmt, args);
+    if (text < 0)
+        return text;
+    entry.length = static_cast<size_t>(head) + std::min(static_cast<size_t>(text), room - 1);
+    while (entry.length > static_cast<size_t>(head) && entry.text[entry.length - 1] == '\n')
+        entry.length--;
+    return text;
+}
+
+int make_entry(log_entry& entry, int prio, const char* tag, const char* fmt, ...)
+    __attribute__((format(printf, 4, 5)));
+int make_entry(log_entry& entry, int prio, const char* tag, const char* fmt, ...)
+{
+    va_list args;
+    va_start(args, fmt);
+    const int text = vmake_entry(entry, prio, tag, fmt, args);
+    va_end(args);
+    return text;
+}
+
+// False when nobody takes it.
+bool deliver(log_entry& entry, int prio)
+{
+    const bool sent = send_to_syslog(entry.text, entry.length);
+    if (sent && (prio < ANDROID_LOG_WARN || !isatty(STDERR_FILENO)))
+        return true;
+    // "<27>Dumper[812]: text" becomes "E Dumper[812]: text".
+    char* from = strchr(entry.text, '>') - 1;
+    from[0] = priority_letter(prio);
+    from[1] = ' ';
+    entry.text[entry.length++] = '\n';
+    const bool written = write_to_stderr(from, entry.length - static_cast<size_t>(from - entry.text));
+    return sent || written;
+}
+
+std::atomic<unsigned> lost{0};  // entries that nobody took, until an entry says so
+
+// Behind an entry that was taken.
+void tell_of_lost_entries()
+{
+    const unsigned count = lost.exchange(0);
+    if (count == 0)
         return;
-    entry[length++] = '\n';
-    (void)!write(STDERR_FILENO, entry, length);  // nowhere left to report a failure
+    log_entry note;
+    make_entry(note, ANDROID_LOG_WARN, "DumpServer", "%u log entries before this one are lost", count);
+    if (!deliver(note, ANDROID_LOG_WARN))
+        lost += count;
 }
 
 }  // namespace
@@ -59,32 +135,17 @@ void write_to_stderr(char* entry, size_t length)
 extern "C" int __android_log_print(int prio, const char* tag, const char* fmt, ...)
 {
     const int saved_errno = errno;
-    if (tag == nullptr)
-        tag = program_invocation_short_name;
-
-    char entry[max_entry];
-    int head = snprintf(entry, sizeof(entry), "<%d>%.64s[%d]: ", facility_daemon + syslog_severity(prio), tag,
-                        getpid());
+    log_entry entry;
     va_list args;
     va_start(args, fmt);
-    const size_t room = sizeof(entry) - static_cast<size_t>(head) - 1;  // one byte stays for a newline
-    int text = vsnprintf(entry + head, room, fmt, args);
+    const int text =
+        vmake_entry(entry, prio, tag != nullptr ? tag : program_invocation_short_name, fmt, args);
     va_end(args);
-    if (text < 0) {
-        errno = saved_errno;
-        return text;
-    }
-    size_t length = static_cast<size_t>(head) + std::min(static_cast<size_t>(text), room - 1);
-    while (length > static_cast<size_t>(head) && entry[length - 1] == '\n')
-        length--;
-
-    const bool sent = send_to_syslog(entry, length);
-    if (!sent || (prio >= ANDROID_LOG_WARN && isatty(STDERR_FILENO))) {
-        // "<27>Dumper[812]: text" becomes "E Dumper[812]: text".
-        char* from = strchr(entry, '>') - 1;
-        from[0] = priority_letter(prio);
-        from[1] = ' ';
-        write_to_stderr(from, length - static_cast<size_t>(from - entry));
+    if (text >= 0) {
+        if (deliver(entry, prio))
+            tell_of_lost_entries();
+        else
+            lost++;
     }
     errno = saved_errno;
     return text;

@@ -12,7 +12,8 @@ enum android_LogPriority {
 };
 
 // One entry; a null tag stands for the program's short name. Never blocks, takes no lock and no heap, keeps
-// errno. Returns the length of the text, negative when it could not be formatted.
+// errno. What nobody takes is lost, and a later entry says how many. Returns the length of the text, negative
+// when it could not be formatted.
 extern "C" int __android_log_print(int prio, const char* tag, const char* fmt, ...)
     __attribute__((format(printf, 3, 4)));
 #endif

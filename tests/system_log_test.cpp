@@ -100,6 +100,46 @@ TEST(system_log, never_waits_for_a_full_socket_and_loses_nothing)
         EXPECT_EQ(entries[i], "I Many: entry " + std::to_string(i));
 }
 
+TEST(system_log, never_waits_for_a_reader_of_standard_error)
+{
+    for (int round = 0; round < 20; round++) {
+        int ends[2];
+        ASSERT_EQ(round % 2 == 0 ? pipe(ends) : socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+        // Long entries: each would fill what was free when another one looked.
+        const tool_run run = make_entries({"100", "3900"}, [&] { dup2(ends[1], STDERR_FILENO); });
+        EXPECT_EQ(run.status, 0);
+        close(ends[0]);
+        close(ends[1]);
+        if (run.status != 0)
+            break;
+    }
+}
+
+TEST(system_log, says_how_many_entries_nobody_took)
+{
+    constexpr size_t made = 10000;  // more than a socket and a pipe hold
+    const log_socket log;
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_NONBLOCK), 0);
+    running_program writer({build_dir() + "/tests/targets/log_entries", std::to_string(made), "stop"},
+                           [&] { dup2(ends[1], STDERR_FILENO); });
+    ASSERT_TRUE(eventually([&] { return thread_state(writer.pid(), writer.pid()) == 'T'; }));
+    size_t taken = log.received().size();
+    string text;
+    char buf[4096];
+    for (ssize_t got; (got = read(ends[0], buf, sizeof(buf))) > 0;)
+        text.append(buf, static_cast<size_t>(got));
+    taken += log_entries(text).size();
+
+    kill(writer.pid(), SIGCONT);
+    EXPECT_EQ(writer.finish().status, 0);
+    EXPECT_THAT(log.received(), testing::ElementsAre("<30>Many[#]: last entry",
+                                                     "<28>DumpServer[#]: " + std::to_string(made - taken) +
+                                                         " log entries before this one are lost"));
+    close(ends[0]);
+    close(ends[1]);
+}
+
 TEST(system_log, shows_warnings_and_errors_on_a_terminal_too)
 {
     int master;

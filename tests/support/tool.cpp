@@ -34,20 +34,25 @@ timeval now()
 
 }  // namespace
 
-tool_run run_program(const vector<string>& argv, const std::function<void()>& in_child)
+running_program::running_program(const vector<string>& argv, const std::function<void()>& in_child)
+    : out(output_file()), err(output_file()), start(now()), program(argv, false, [&] {
+          dup2(out, STDOUT_FILENO);
+          dup2(err, STDERR_FILENO);
+          if (in_child)
+              in_child();
+      })
 {
-    // Unnamed files take the output: no pipe can fill up and hold the program.
-    const int out = output_file();
-    const int err = output_file();
-    const timeval start = now();
-    target program(argv, false, [&] {
-        dup2(out, STDOUT_FILENO);
-        dup2(err, STDERR_FILENO);
-        if (in_child)
-            in_child();
-    });
+}
+
+tool_run running_program::finish()
+{
     const int status = program.wait_for_end(20000);
     return {status, take_text(out), take_text(err), elapsed_ms(start, now())};
+}
+
+tool_run run_program(const vector<string>& argv, const std::function<void()>& in_child)
+{
+    return running_program(argv, in_child).finish();
 }
 
 tool_run run_tool(const vector<string>& args, const std::function<void()>& in_child)

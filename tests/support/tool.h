@@ -17,7 +17,24 @@ struct tool_run {
     double ms;
 };
 
-// argv[0] is a path; in_child runs in the child before the exec. Waits for the end, at most 20 s.
+// A run that goes on while the test does something to it. argv[0] is its path; in_child runs in the child
+// before the exec.
+class running_program
+{
+    // Unnamed files take the output: no pipe can fill up and hold the program.
+    int out;
+    int err;
+    timeval start;
+    target program;
+
+public:
+    explicit running_program(const std::vector<std::string>& argv,
+                             const std::function<void()>& in_child = {});
+    pid_t pid() const { return program.pid(); }
+    // Waits for its end, at most 20 s.
+    tool_run finish();
+};
+
 tool_run run_program(const std::vector<std::string>& argv, const std::function<void()>& in_child = {});
 
 // The same for <build>/dump_server with these arguments.
