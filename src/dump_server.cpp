@@ -42,6 +42,10 @@ void dump_server_signal_handler(int signo, siginfo_t* info, [[maybe_unused]] voi
     signal(signo, SIG_DFL);
 }
 
+// Held while a request waits for the server's lock. The lock alone lets status requests pass a crash request
+// that waits, without end when there are always some under way.
+std::mutex arrival;
+
 // Who is at the other end of a connection: unix(7), SO_PEERCRED, the credentials at the time of its connect.
 bool peer_of(int socket, ucred* peer)
 {
@@ -211,10 +215,13 @@ int dumper_comm::handle_dump_req(int socket, char* buf, dump_server* service)
     if (peer.uid != 0 && peer.uid != geteuid())
         dp.set_report_owner(peer.uid, peer.gid);
 
-    if (cmd == CMD_CRASH_DUMP)
-        wLock.lock();
-    else
-        rLock.lock();
+    {
+        const std::lock_guard<std::mutex> next_in_turn(arrival);
+        if (cmd == CMD_CRASH_DUMP)
+            wLock.lock();
+        else
+            rLock.lock();
+    }
     const pid_t thread = cmd == CMD_PROCESS_STAT ? pid : tid;
     ret = dp.attach_thread(thread);
     // While the request waited its turn, the number may have gone to a process of somebody else.

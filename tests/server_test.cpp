@@ -320,6 +320,9 @@ TEST_F(server_mode, runs_status_requests_side_by_side_and_a_crash_request_alone)
     const connection crash_link;
     ASSERT_TRUE(crash_link.send_request(of(crashing, CMD_CRASH_DUMP)));
     EXPECT_EQ(crash_link.acknowledgement(nullptr, 100), no_answer);
+    const connection third;
+    ASSERT_TRUE(third.send_request(of(idle, CMD_THREAD_STAT)));
+    EXPECT_EQ(third.acknowledgement(nullptr, 100), no_answer) << "passes a crash request that waits";
     EXPECT_EQ(count_of(daemon.log(), "0xae03 takes:"), 0u);
     for (const auto& one : held)
         one.wake();
@@ -327,6 +330,7 @@ TEST_F(server_mode, runs_status_requests_side_by_side_and_a_crash_request_alone)
     EXPECT_EQ(count_of(daemon.log(), "Handle_dump_req 0xae03 takes:"), 2u);
     kill(crashing.pid(), SIGABRT);
     EXPECT_TRUE(crashing.dies_by(SIGABRT)) << "sent again after the report";
+    EXPECT_EQ(third.acknowledgement(), 0);
     EXPECT_TRUE(held[0].runs_untraced() && held[1].runs_untraced());
 }
 
