@@ -81,6 +81,11 @@ bool server::logs(const string& text, size_t times) const
     return eventually([&] { return count_of(log(), text) >= times; });
 }
 
+void server::clear_log() const
+{
+    (void)truncate(log_path.c_str(), 0);
+}
+
 size_t server::open_descriptors() const
 {
     std::error_code error;

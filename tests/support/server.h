@@ -26,11 +26,10 @@ public:
     std::string log_since(size_t mark) const;
     // Waits until this text has been logged so many times.
     bool logs(const std::string& text, size_t times = 1) const;
+    void clear_log() const;
+    size_t open_descriptors() const;
     // Waits until every connection has gone, and no descriptor or thread is left of them.
     bool is_idle() const;
-
-private:
-    size_t open_descriptors() const;
 };
 
 constexpr int no_answer = -1000;
