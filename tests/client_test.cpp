@@ -83,6 +83,11 @@ TEST(client, tells_what_it_cannot_dump)
         "=== === === === Dump thread:1 stat === === === ===\n");
     expect({"-p", pid, "-f", "/tmp/absent/report"}, no_file);
     expect({"-p", pid, "-f", ""}, no_file);
+    expect({"-t", pid, "-f", ""},
+           {"E Dumper: Open dump file failed", "I DumpServer: Dump_thread_stats pid=" + pid + ", tid=" + pid,
+            "E Dumper: Dump memory map failed:-1, pid=" + pid + ", tid=" + pid,
+            "E DumpServer: Dumpstat thread stats failed",
+            "I DumpServer: Dumpstat dump_thread_stats takes:# ms"});
     expect({"-p", pid, "-f", "/dev/full"},
            {start, end, "E Dumper: Report is incomplete, write failed: No space left on device"});
     waitpid(zombie, nullptr, 0);

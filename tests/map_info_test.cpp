@@ -88,6 +88,7 @@ TEST_F(maps, find_the_mapping_of_an_address)
     EXPECT_TRUE(whole->is_readable && !whole->is_writable && whole->is_executable);
     const map_info* cut = list.process_find_map_info(0x55560000);
     EXPECT_FALSE(cut->is_readable || cut->is_writable || cut->is_executable);
+    list.process_destroy_map_info_list();
 }
 
 TEST_F(maps, longer_than_the_line_buffer_are_printed_in_pieces)

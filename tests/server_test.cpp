@@ -201,17 +201,30 @@ TEST_F(server_mode, releases_the_target_when_its_report_cannot_be_made)
     umount(read_only.c_str());
 }
 
-TEST_F(server_mode, writes_no_crash_report_for_a_healthy_process)
+TEST_F(server_mode, writes_no_crash_report_for_a_process_that_does_not_crash)
 {
-    target healthy({"threads", "3"});
-    const connection link;
-    EXPECT_EQ(link.request(of(healthy, CMD_CRASH_DUMP)), 0);
-    ASSERT_TRUE(daemon.logs("Wait for sigstop timeout"));
-    EXPECT_TRUE(healthy.runs_untraced());
-    kill(healthy.pid(), SIGKILL);  // what the server now waits for, at most 10 s
-    healthy.wait_for_end();
-    EXPECT_TRUE(link.finish());
+    for (const auto& [signo, logged] : {std::pair{0, "Wait for sigstop timeout"},
+                                        {SIGTERM, "Process stopped due to unexpected signal 15\n"}}) {
+        target healthy({"threads", "3"});
+        const connection link;
+        EXPECT_EQ(link.request(of(healthy, CMD_CRASH_DUMP)), 0);
+        tgkill(healthy.pid(), healthy.pid(), signo);  // to the thread that the server follows
+        ASSERT_TRUE(daemon.logs(logged));
+        EXPECT_TRUE(healthy.runs_untraced());
+        kill(healthy.pid(), SIGKILL);  // what the server now waits for, at most 10 s
+        EXPECT_TRUE(healthy.dies_by(SIGKILL));
+        EXPECT_TRUE(link.finish());
+    }
     EXPECT_TRUE(reports_in(dir).empty());
+}
+
+TEST_F(server_mode, resumes_a_stopped_process_that_it_was_asked_about)
+{
+    kill(idle.pid(), SIGSTOP);
+    ASSERT_TRUE(eventually([this] { return thread_state(idle.pid(), idle.pid()) == 'T'; }));
+    EXPECT_EQ(ask(of(idle, CMD_PROCESS_STAT)), 0);
+    EXPECT_EQ(count_of(daemon.log(), " still traced, resume run..."), 1u);
+    EXPECT_TRUE(idle.runs_untraced());
 }
 
 TEST_F(server_mode, serves_others_whatever_a_peer_does)
@@ -332,6 +345,36 @@ TEST_F(server_mode, runs_status_requests_side_by_side_and_a_crash_request_alone)
     EXPECT_TRUE(crashing.dies_by(SIGABRT)) << "sent again after the report";
     EXPECT_EQ(third.acknowledgement(), 0);
     EXPECT_TRUE(held[0].runs_untraced() && held[1].runs_untraced());
+}
+
+// No report can be made, and the thread that the server has attached does not stop.
+TEST(server_end, releases_a_thread_that_nothing_else_releases)
+{
+    for (const auto& [cmd, operation] :
+         {std::pair{CMD_PROCESS_STAT, "dump_thread_stats"}, {CMD_CRASH_DUMP, "dump_process_crash"}}) {
+        server daemon;
+        const held_target held;
+        const connection link;
+        EXPECT_EQ(link.request(make_request(cmd, held.pid(), held.pid(), "/tmp/missing")), 0);
+        EXPECT_TRUE(daemon.dies_by(SIGKILL));
+        EXPECT_NE(daemon.log().find(string("Dump_server(") + operation + ":" + to_string(held.pid()) + "-" +
+                                    to_string(held.pid()) + ") kill itself to free the zombie!\n"),
+                  string::npos)
+            << daemon.log();
+        held.wake();
+        EXPECT_TRUE(held.runs_untraced());
+    }
+}
+
+TEST(server_start, ends_when_its_socket_cannot_be_made)
+{
+    ASSERT_EQ(mkdir(dump_server_socket, 0755), 0);
+    const tool_run run = run_tool({"-s"});
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(log_entries(run.err),
+              (vector<string>{"I DumpServer: Stack trace server start", "E DumpServer: Socket bind failed",
+                              "E DumpServer: Socket listen failed"}));
+    rmdir(dump_server_socket);
 }
 
 TEST(server_start, takes_the_socket_over_from_a_server_and_from_one_that_has_ended)
