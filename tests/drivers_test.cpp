@@ -148,7 +148,7 @@ TEST(process_dump, lets_a_target_run_on_whose_threads_come_and_go_or_replace_it)
     for (const command& argv :
          {command{"odd", "--churn"}, command{"execs", "lead"}, command{"execs", "thread"}}) {
         const target program(argv);
-        for (int i = 0; i < 12; i++) {
+        for (int i = 0; i < 15; i++) {
             const tool_run run = run_tool({"-p", number(program.pid())});
             EXPECT_EQ(run.status, 0) << run.err;
             EXPECT_TRUE(argv[0] == "execs" || parse_process_report(run.out).blocks.at(0).whole) << run.out;
