@@ -54,7 +54,8 @@ TEST(registers, are_laid_out_to_the_character)
 // The kernel gives 18 registers of 32 bits. The target is a program of that kind when QV_ARMHF names one.
 TEST(registers, of_a_32_bit_process_are_none)
 {
-    EXPECT_TRUE(register_lines({.bytes = {}, .length = 18 * sizeof(uint32_t)}).empty());
+    const register_set set = {.bytes = {}, .length = 18 * sizeof(uint32_t)};
+    EXPECT_TRUE(register_lines(set).empty());
     const char* busybox = getenv("QV_ARMHF");
     if (busybox == nullptr)
         return;
@@ -63,7 +64,7 @@ TEST(registers, of_a_32_bit_process_are_none)
     EXPECT_THAT(run.err, testing::HasSubstr("E Dumper[")) << run.err;
     EXPECT_THAT(run.err,
                 testing::HasSubstr("Tid " + std::to_string(child.pid()) + " has a register set of " +
-                                   std::to_string(set_bytes) + " bytes, not that of a 64-bit thread\n"));
+                                   std::to_string(set.length) + " bytes, not that of a 64-bit thread\n"));
     EXPECT_THAT(run.out, testing::HasSubstr("\nRegister:\n\nKernel Trace:\n  [<0>] "));
     EXPECT_EQ(count_of(run.out, "\nBacktrace:\n"), 0U);
     EXPECT_TRUE(child.runs_untraced());

@@ -308,8 +308,8 @@ TEST_F(server_mode, refuses_a_process_that_became_roots_while_the_request_waited
 
 TEST_F(server_mode, ends_a_request_whose_target_is_killed)
 {
-    for (int round = 0; round < 8; round++) {
-        target victim({"threads", "8", "20"});
+    for (int round = 0; round < 12; round++) {
+        target victim({"threads", "50", "20"});
         const connection link;
         EXPECT_EQ(link.request(of(victim, round % 4 == 3 ? CMD_CRASH_DUMP : CMD_PROCESS_STAT)), 0);
         usleep(static_cast<useconds_t>(round) * 2000);  // any moment will do
