@@ -104,7 +104,9 @@ TEST(stack, shows_signed_return_addresses_without_their_signature)
     close(memory);
     constexpr uint64_t address_bits = (uint64_t{1} << 48) - 1;
     const auto returns_there = [&](uint64_t word) { return (word & address_bits) == pc; };
-    const auto saved = std::find_if(words.begin(), words.end(), returns_there);
-    ASSERT_NE(saved, words.end());
-    EXPECT_EQ(*saved != pc, (getauxval(AT_HWCAP) & HWCAP_PACA) != 0) << std::hex << *saved;
+    // Beside the frames' own, below the stack pointer, there may be one that the linker left, unsigned.
+    EXPECT_TRUE(std::any_of(words.begin(), words.end(), returns_there));
+    const bool is_signed = std::any_of(words.begin(), words.end(),
+                                       [&](uint64_t word) { return returns_there(word) && word != pc; });
+    EXPECT_EQ(is_signed, (getauxval(AT_HWCAP) & HWCAP_PACA) != 0);
 }

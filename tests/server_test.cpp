@@ -368,6 +368,7 @@ TEST(server_end, releases_a_thread_that_nothing_else_releases)
 
 TEST(server_start, ends_when_its_socket_cannot_be_made)
 {
+    unlink(dump_server_socket);  // of a test before
     ASSERT_EQ(mkdir(dump_server_socket, 0755), 0);
     const tool_run run = run_tool({"-s"});
     EXPECT_EQ(run.status, 0);
