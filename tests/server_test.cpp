@@ -344,6 +344,7 @@ TEST_F(server_mode, runs_status_requests_side_by_side_and_a_crash_request_alone)
     kill(crashing.pid(), SIGABRT);
     EXPECT_TRUE(crashing.dies_by(SIGABRT)) << "sent again after the report";
     EXPECT_EQ(third.acknowledgement(), 0);
+    EXPECT_TRUE(third.finish());
     EXPECT_TRUE(held[0].runs_untraced() && held[1].runs_untraced());
 }
 
