@@ -77,6 +77,8 @@ struct log_entry {
 
 // Returns what __android_log_print does.
 int vmake_entry(log_entry& entry, int prio, const char* tag, const char* fmt, va_list args)
+    __attribute__((format(printf, 4, 0)));
+int vmake_entry(log_entry& entry, int prio, const char* tag, const char* fmt, va_list args)
 {
     const int head = snprintf(entry.text, sizeof(entry.text),
                               "<%d>%.64s[%d]: ", facility_daemon + syslog_severity(prio), tag, getpid());
