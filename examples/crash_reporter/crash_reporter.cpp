@@ -30,7 +30,7 @@
 namespace
 {
 constexpr int fatal_signals[] = {SIGILL, SIGTRAP, SIGABRT, SIGBUS, SIGFPE, SIGSEGV};
-constexpr long answer_limit_ms = 1000;         // how long a server may keep a crashing process waiting
+constexpr long answer_limit_ms = 5000;         // how long a server may keep a crashing process waiting
 constexpr long other_report_limit_ms = 60000;  // how long a second crashing thread leaves the first its time
 constexpr size_t handler_stack_size = 64 * 1024;  // the signal frame alone may need 11 KiB: AT_MINSIGSTKSZ
 
