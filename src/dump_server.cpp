@@ -28,7 +28,8 @@ using std::string;
 
 namespace
 {
-constexpr useconds_t accept_pause_us = 10000;  // no busy loop while descriptors are short
+// While descriptors are short: no busy loop, and no more than ten log entries a second.
+constexpr useconds_t accept_pause_us = 100000;
 
 void dump_server_signal_handler(int signo, siginfo_t* info, [[maybe_unused]] void* p)
 {
