@@ -88,16 +88,6 @@ LIST
     [[ -e $keyring ]] || die "debian-archive-keyring of this system has no keys of Debian $debian ($keyring)"
 }
 
-# The archive that this system's own packages come from, whatever form its sources are written in.
-archive_address() {
-    local own_codename
-    # shellcheck disable=SC1091  # a file of the system
-    own_codename=$(. /etc/os-release && echo "${VERSION_CODENAME-}")
-    # shellcheck disable=SC2016  # $(...) is apt's own notation
-    apt-get indextargets --format '$(RELEASE) $(COMPONENT) $(REPO_URI)' 'Created-By: Packages' |
-        awk -v release="$own_codename" '$1 == release && $2 == "main" { print $3; exit }'
-}
-
 # apt with folders of its own below $1, so that nothing of this system's package state is read or changed.
 own_apt() {
     local folder=$1
@@ -122,7 +112,6 @@ download_debian() {
     fi
     local address apt=$cache/apt
     address=$(archive_address)
-    [[ $address ]] || die "found no Debian archive among this system's apt sources"
     say "fetching Debian $debian's arm64 packages"
     rm -rf "$cache"
     mkdir -p "$apt"/state/lists/partial "$apt"/cache/archives/partial "$apt/other"
@@ -180,7 +169,7 @@ cross_build() {
 copy_project() {
     local root=$1$guest_project guest_build folder
     guest_build=$root/$(basename "$build")
-    mkdir -p "$guest_build/tests" "$root/tests"
+    mkdir -p "$guest_build/tests"
     # Only debug information goes: the names in these files are part of what is tested.
     aarch64-linux-gnu-strip --strip-debug -o "$guest_build/dump_server" "$build/dump_server"
     aarch64-linux-gnu-strip --strip-debug -o "$guest_build/tests/dump_server_tests" "$build/tests/dump_server_tests"
@@ -188,7 +177,6 @@ copy_project() {
         [[ ! -d $build/$folder ]] || tar -C "$build" -c --exclude=CMakeFiles --exclude='*.cmake' --exclude='*.[oa]' "$folder" |
             tar -C "$guest_build" -x
     done
-    [[ ! -d $project/tests/data ]] || cp -a "$project/tests/data" "$root/tests/"
 }
 
 # Prints the shared libraries and the program interpreter that the ELF files below $1 name.
@@ -293,6 +281,8 @@ clean_up() {
     rm -rf "$work"
 }
 
+# shellcheck source=scripts/debian_archive.sh
+. "$project/scripts/debian_archive.sh"
 parse_arguments "$@"
 keyring=/usr/share/keyrings/debian-archive-$codename-stable.gpg
 install_host_packages

@@ -1,6 +1,8 @@
 # shellcheck shell=bash
 # Fresh, minimal Debian systems (mmdebstrap), each a folder with its own mounts and processes, from the archive that this
-# system's own packages come from. Sourced by those who check something in one.
+# system's own packages come from. Sourced by those who check something in one; they have die().
+
+. scripts/debian_archive.sh
 
 # debian_codename 12|13
 debian_codename() {
@@ -11,15 +13,6 @@ debian_codename() {
     esac
 }
 
-# shellcheck disable=SC1091  # a file of the system
-own_codename() (. /etc/os-release && echo "$VERSION_CODENAME")
-
-archive_address() {
-    # shellcheck disable=SC2016  # $(...) is apt's own notation
-    apt-get indextargets --format '$(RELEASE) $(COMPONENT) $(REPO_URI)' 'Created-By: Packages' |
-        awk -v release="$(own_codename)" '$1 == release && $2 == "main" { print $3; exit }'
-}
-
 # unpack_fresh_root CODENAME NAME FOLDER [PACKAGE...]: kept as an archive, as it takes minutes to fetch
 unpack_fresh_root() {
     local codename=$1 folder=$3 packages base archive
@@ -27,7 +20,6 @@ unpack_fresh_root() {
     base=.cache/fresh-root/$2-$(cksum <<<"$packages" | cut -d ' ' -f 1)
     if [[ ! -e $base.tar ]]; then
         archive=$(archive_address)
-        [[ $archive ]] || die "no Debian archive among this system's apt sources"
         mkdir -p .cache/fresh-root
         mmdebstrap --quiet --variant=minbase --architectures="$(dpkg --print-architecture)" --include="$packages" \
             "$codename" "$base.new.tar" \

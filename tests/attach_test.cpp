@@ -13,18 +13,6 @@
 
 using std::string;
 
-TEST(attach, refuses_what_is_not_there_without_touching_it)
-{
-    const target program({"threads", "1"});
-    EXPECT_EQ(dumper_test(program.pid(), 1).job.attach_thread(-1), -3);
-    EXPECT_EQ(log_as_text(), "6 Dumper: Tid 1 does not exist in pid " + std::to_string(program.pid()) +
-                                 ". ignoring request\n");
-    clear_log();
-    for (const pid_t gone : {2, 0, -5})
-        EXPECT_EQ(dumper_test(gone, gone).job.attach_thread(gone), -3);
-    EXPECT_EQ(log_as_text(), "");
-}
-
 TEST(attach, holds_the_thread_from_its_stop_to_its_release)
 {
     const target program({"threads", "1"});

@@ -1,10 +1,8 @@
-// The report's header, process-wide sections and the lines that identify a thread.
+// The lines that identify a thread, the open files, and how a report cuts a text.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
-
-#include <regex>
 
 #include "support/dumper_test.h"
 #include "support/log_capture.h"
@@ -98,28 +96,6 @@ TEST_F(statistics, name_what_cannot_be_read)
     dumper_test job(pid, pid);
     EXPECT_EQ(job.thread_info(&ss, pid), -3);
     EXPECT_EQ(ss.str().find("Core="), string::npos);
-}
-
-TEST_F(statistics, head_the_report_with_what_the_system_says)
-{
-    const mounted_file uptime("/proc/uptime", "12.34 56.78\n");
-    const mounted_file stat("/proc/stat", string(50, 'c') + "\n" + string(3000, 's') + "\n");
-    string version = file_text("/etc/version");
-    version.resize(version.size() - !version.empty());
-    dumper_test job(pid, pid);
-    job.header_info();
-    const string header = job.report();
-    const std::regex start(R"(^Uptime: 12.34 56.78\nTimestamp: \d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{9}\nSys)");
-    EXPECT_TRUE(std::regex_search(header, start)) << header;
-    EXPECT_TRUE(
-        header.ends_with("\nSys version: " + version + "\nKernel version: " + file_text("/proc/version")))
-        << header;
-    job.process_info();
-    const string sections = job.report().substr(header.size());
-    EXPECT_TRUE(sections.starts_with("\nMemoryinfo:\n  MemTotal:")) << sections;
-    const string system = section(sections, "\nSys Stat:\n", "\nnone");
-    EXPECT_EQ(system.size(), 2046U);
-    EXPECT_TRUE(system.starts_with("\nSys Stat:\n  " + string(50, 'c') + "\n  sss"));
 }
 
 TEST(open_files, are_listed_with_64_characters_of_their_names)

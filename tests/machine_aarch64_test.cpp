@@ -70,17 +70,6 @@ TEST(registers, of_a_32_bit_process_are_none)
     EXPECT_TRUE(child.runs_untraced());
 }
 
-TEST(stack, names_the_return_trampoline_of_a_signal)
-{
-    const target child({"stacks", "signal"});
-    const vector<frame> frames = frames_of(run_tool({"-p", std::to_string(child.pid())}).out);
-    const vector<string> functions = functions_of(frames);
-    const auto handler = std::find(functions.begin(), functions.end(), "handle_signal");
-    ASSERT_LT(handler + 1, functions.end()) << text_of(frames);
-    EXPECT_EQ(handler[1], "__kernel_rt_sigreturn") << text_of(frames);
-    EXPECT_EQ(frames[static_cast<size_t>(handler + 1 - functions.begin())].module, "[vdso]");
-}
-
 // Holds up the tests of signed return addresses: on a core that signs, the words on the stacks of these
 // programs are signed, and what the report shows of them is not.
 TEST(stack, shows_signed_return_addresses_without_their_signature)

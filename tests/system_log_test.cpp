@@ -4,13 +4,10 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <pty.h>
-#include <sys/mount.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstring>
 #include <regex>
 
@@ -77,27 +74,6 @@ TEST(system_log, goes_to_standard_error_when_there_is_no_socket)
         log_entries(run.err),
         testing::ElementsAre("I Dumper: all well", "W Dumper: first", "second", "E log_entries: no newline",
                              testing::StartsWith("I Long: " + string(4000, 'l'))));
-    // It does not wait for who reads it.
-    int ends[2];
-    ASSERT_EQ(pipe(ends), 0);
-    EXPECT_EQ(make_entries({"20000"}, [&] { dup2(ends[1], STDERR_FILENO); }).status, 0);
-    close(ends[0]);
-    close(ends[1]);
-}
-
-TEST(system_log, never_waits_for_a_full_socket_and_loses_nothing)
-{
-    const log_socket log;
-    const tool_run run = make_entries({"500"});
-    EXPECT_EQ(run.status, 0);
-    vector<string> entries;
-    for (const string& entry : log.received())
-        entries.push_back(std::regex_replace(entry, std::regex("^<30>Many\\[#\\]"), "I Many"));
-    EXPECT_TRUE(!entries.empty() && entries.size() < 500) << entries.size();
-    std::ranges::copy(log_entries(run.err), std::back_inserter(entries));
-    ASSERT_EQ(entries.size(), 500U);
-    for (size_t i = 0; i < entries.size(); i++)
-        EXPECT_EQ(entries[i], "I Many: entry " + std::to_string(i));
 }
 
 TEST(system_log, never_waits_for_a_reader_of_standard_error)

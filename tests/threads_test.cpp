@@ -69,7 +69,6 @@ void expect_true_report(const string& name)
     SCOPED_TRACE(name);
     const target program({name, std::to_string(workers), std::to_string(frames_each)});
     const pid_t pid = program.pid();
-    ASSERT_TRUE(eventually([&] { return thread_ids(pid).size() == workers + 1; }));  // the herald has gone
     const tool_run run = run_tool({"-p", std::to_string(pid)});
     const process_report report = parse_process_report(run.out);
     ASSERT_EQ(report.blocks.size(), workers + 1) << run.out << run.err;

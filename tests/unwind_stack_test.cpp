@@ -68,12 +68,6 @@ public:
         return {reinterpret_cast<Elf64_Phdr*>(bytes.data() + header.e_phoff), header.e_phnum};
     }
     Elf64_Phdr& segment(uint32_t type) { return *std::ranges::find(segments(), type, &Elf64_Phdr::p_type); }
-    Elf64_Shdr& symbol_table()
-    {
-        auto* sections = reinterpret_cast<Elf64_Shdr*>(bytes.data() + header.e_shoff);
-        return *std::find_if(sections, sections + header.e_shnum,
-                             [](auto& s) { return s.sh_type == SHT_SYMTAB; });
-    }
 
     fs::path folder;
     fs::path path;
@@ -121,24 +115,19 @@ TEST(stack, deeper_than_its_copy_shows_every_frame_that_fits_a_report)
     EXPECT_GE(std::count(functions.begin(), functions.end(), "recurse"), 1020);
 }
 
-TEST(stack, leads_out_of_a_leaf_without_a_frame)
+// Caught at work: which instruction it stands at is chance.
+TEST(stack, leads_out_of_code_that_has_no_frame)
 {
-    const target child({"stacks", "spin"});
-    EXPECT_TRUE(eventually([&] {
-        const vector<string> functions = functions_of(frames_of(dump(child).out));
-        return !functions.empty() && functions[0] == "spin" &&
-               has_chain(functions, {"spin", "call_spin", "main"});
-    }));
-}
-
-TEST(stack, leads_out_of_the_vdso)
-{
-    const target child({"stacks", "vdso"});
-    bool seen_inside = false;
-    for (int i = 0; i < 50 && !seen_inside; i++) {
-        seen_inside = expect_chain(dump(child), {"ask_the_time", "main"}).at(0).module == "[vdso]";
+    const std::pair<string, vector<string>> cases[] = {{"spin", {"spin", "call_spin", "main"}},
+                                                       {"vdso", {"*", "ask_the_time", "main"}}};
+    for (const auto& [kind, chain] : cases) {
+        const target child({"stacks", kind});
+        EXPECT_TRUE(eventually([&] {
+            const vector<frame> frames = frames_of(dump(child).out);
+            return has_chain(functions_of(frames), chain) &&
+                   (frames[0].function == chain[0] || frames[0].module == "[vdso]");
+        })) << kind;
     }
-    EXPECT_TRUE(seen_inside);
 }
 
 TEST(stack, of_a_deleted_program_is_whole_whatever_has_taken_its_place)
@@ -150,25 +139,9 @@ TEST(stack, of_a_deleted_program_is_whole_whatever_has_taken_its_place)
     expect_chain(dump(child));
 }
 
-// A target in a mount namespace of its own, where a shell has prepared its files.
-vector<string> in_own_namespace(const string& preparation, const string& command)
-{
-    return {"/bin/sh", "-c", "exec unshare -m /bin/sh -c '" + preparation + " && exec " + command + "'"};
-}
-
-TEST(stack, of_a_program_in_another_mount_namespace_is_whole)
-{
-    copied_program copy("stacks");
-    const string place = copy.folder / "hidden";
-    fs::create_directory(place);
-    const target child(in_own_namespace(
-        "mount -t tmpfs none " + place + " && cp " + string(copy.path) + " " + place + "/stacks",
-        place + "/stacks plain"));
-    ASSERT_FALSE(fs::exists(place + "/stacks"));
-    expect_chain(dump(child));
-}
-
-TEST(stack, of_a_stripped_program_gets_its_names_from_the_debug_file_in_its_own_root)
+// The target is in a mount namespace of its own, where a shell has made its files: the program is another
+// one's here, and its names are in the debug file there.
+TEST(stack, of_a_stripped_program_in_another_root_gets_its_names_there)
 {
     {
         const target bare({"stacks_stripped", "plain"});
@@ -176,11 +149,17 @@ TEST(stack, of_a_stripped_program_gets_its_names_from_the_debug_file_in_its_own_
         EXPECT_FALSE(has_chain(functions_of(frames), plain_chain)) << text_of(frames);
         EXPECT_GE(frames.size(), plain_chain.size() + 2) << text_of(frames);
     }
+    const string place = "/tmp/place";
+    fs::create_directory(place);
     const string folder = "/usr/lib/debug/.build-id/51";
-    const target child(in_own_namespace(
-        "mkdir -p /usr/lib/debug && mount -t tmpfs none /usr/lib/debug && mkdir -p " + folder + " && cp " +
-            program("stacks_stripped.debug") + " " + folder + "/a7e0000000000000000000000000000000d06f.debug",
-        program("stacks_stripped") + " plain"));
+    const string preparation =
+        "mount -t tmpfs none " + place + " && cp " + program("stacks_stripped") + " " + place +
+        " && mkdir -p /usr/lib/debug && mount -t tmpfs none /usr/lib/debug && mkdir -p " + folder +
+        " && cp " + program("stacks_stripped.debug") + " " + folder +
+        "/a7e0000000000000000000000000000000d06f.debug";
+    const string command = preparation + " && exec " + place + "/stacks_stripped plain";
+    const target child({"/bin/sh", "-c", "exec unshare -m /bin/sh -c '" + command + "'"});
+    ASSERT_TRUE(fs::is_empty(place));
     expect_chain(dump(child));
 }
 
@@ -221,21 +200,10 @@ TEST(stack, of_a_damaged_program_is_whole_and_harms_nobody)
     const struct {
         const char* what;
         std::function<void(copied_program&)> damage;
-        bool named;  // whether the names survive it
     } cases[] = {
-        {"table encoding", [&](copied_program& copy) { table(copy)[3] = 0x1b; }, true},
-        {"table version", [&](copied_program& copy) { table(copy)[0] = 9; }, true},
-        {"row count", [&](copied_program& copy) { memset(table(copy) + 8, 0xff, 4); }, true},
-        {"symbol table size", [](copied_program& copy) { copy.symbol_table().sh_size = ~uint64_t{0}; },
-         false},
-        {"symbol name offsets",
-         [](copied_program& copy) {
-             const Elf64_Shdr& section = copy.symbol_table();
-             auto* symbols = reinterpret_cast<Elf64_Sym*>(copy.bytes.data() + section.sh_offset);
-             for (size_t i = 0; i < section.sh_size / sizeof(Elf64_Sym); i++)
-                 symbols[i].st_name = 0x7fffffff;
-         },
-         false},
+        {"table encoding", [&](copied_program& copy) { table(copy)[3] = 0x1b; }},
+        {"table version", [&](copied_program& copy) { table(copy)[0] = 9; }},
+        {"row count", [&](copied_program& copy) { memset(table(copy) + 8, 0xff, 4); }},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
@@ -243,11 +211,7 @@ TEST(stack, of_a_damaged_program_is_whole_and_harms_nobody)
         c.damage(copy);
         std::ofstream(copy.path, std::ios::binary) << copy.bytes;
         const target child({copy.path, "plain"});
-        const tool_run run = dump(child);
-        EXPECT_TRUE(WIFEXITED(run.status)) << run.err;
-        const vector<frame> frames = frames_of(run.out);
-        EXPECT_EQ(has_chain(functions_of(frames), plain_chain), c.named) << text_of(frames);
-        EXPECT_GE(frames.size(), plain_chain.size() + 2) << text_of(frames);
+        expect_chain(dump(child));
         EXPECT_TRUE(child.runs_untraced());
     }
 }

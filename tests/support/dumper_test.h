@@ -37,8 +37,6 @@ struct dumper_test {
         return job.parse_proc_stat(nullptr, tid, fields, false);
     }
     int thread_info(std::stringstream* ss, pid_t tid) { return job.dump_thread_info(ss, tid); }
-    void header_info() { job.dump_header_info(); }
-    void process_info() { job.dump_process_info(); }
     int opened_file() { return job.dump_opened_file(); }
     int wait_for_sigstop(pid_t tid = -1) { return job.wait_for_sigstop(&detach_failed, tid); }
     bool release_thread() { return job.release_thread(detach_failed, -1); }

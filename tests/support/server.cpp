@@ -109,8 +109,10 @@ connection::connection() : fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
 {
     sockaddr_un address = {AF_UNIX, {}};
     strcpy(address.sun_path, dump_server_socket);
-    if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0)
-        close_now();
+    if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+        close(fd);
+        fd = -1;
+    }
 }
 
 pid_t connection::server_pid() const
@@ -121,11 +123,10 @@ pid_t connection::server_pid() const
     return peer.pid;
 }
 
-void connection::close_now()
+connection::~connection()
 {
     if (fd >= 0)
         close(fd);
-    fd = -1;
 }
 
 bool connection::send_bytes(const void* bytes, size_t length) const
@@ -155,9 +156,9 @@ bool connection::closed_by_server(int limit_ms) const
     return poll(&readable, 1, limit_ms) == 1 && recv(fd, &byte, 1, 0) <= 0;
 }
 
-int connection::request(const dumper_frame& request, uint16_t* cmd) const
+int connection::request(const dumper_frame& request) const
 {
-    return send_request(request) ? acknowledgement(cmd) : no_answer;
+    return send_request(request) ? acknowledgement() : no_answer;
 }
 
 void connection::end_requests() const
@@ -182,10 +183,10 @@ dumper_frame make_request(uint16_t cmd, pid_t pid, pid_t tid, const string& dir)
     return request;
 }
 
-int ask(const dumper_frame& request, uint16_t* cmd)
+int ask(const dumper_frame& request)
 {
     const connection link;
-    const int status = link.request(request, cmd);
+    const int status = link.request(request);
     return link.finish() ? status : no_answer;
 }
 
@@ -198,10 +199,10 @@ vector<string> reports_in(const string& dir, const string& part)
     return paths;
 }
 
-string fresh_dir(mode_t mode)
+string fresh_dir()
 {
     char path[] = "/tmp/reports-XXXXXX";
-    if (mkdtemp(path) == nullptr || chmod(path, mode) != 0)
+    if (mkdtemp(path) == nullptr || chmod(path, 0755) != 0)
         abort();
     return path;
 }

@@ -40,7 +40,7 @@ class connection
 
 public:
     connection();
-    ~connection() { close_now(); }
+    ~connection();
     connection(const connection&) = delete;
     connection& operator=(const connection&) = delete;
 
@@ -53,21 +53,20 @@ public:
     // Whether the server closes without a further byte.
     bool closed_by_server(int limit_ms = 10000) const;
     // Sends a request and returns its acknowledgement, like that.
-    int request(const dumper_frame& request, uint16_t* cmd = nullptr) const;
+    int request(const dumper_frame& request) const;
     // No request will follow: the server closes when it has finished the last.
     void end_requests() const;
     // Waits for that.
     bool finish() const;
-    void close_now();
 };
 
 dumper_frame make_request(uint16_t cmd, pid_t pid, pid_t tid, const std::string& dir);
 
 // Sends one request on a connection of its own and waits until it is finished: the status, or no_answer.
-int ask(const dumper_frame& request, uint16_t* cmd = nullptr);
+int ask(const dumper_frame& request);
 
 // Paths of the reports in a directory whose names hold this text.
 std::vector<std::string> reports_in(const std::string& dir, const std::string& part = "");
 
 // A new, empty directory below /tmp.
-std::string fresh_dir(mode_t mode = 0755);
+std::string fresh_dir();
