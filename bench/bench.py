@@ -28,11 +28,11 @@ setInterval(() => {}, 1000);
 
 
 class Target:
-    def __init__(self, title, argv, in_gdb=True):
+    def __init__(self, title, argv):
         self.title = title
-        self.in_gdb = in_gdb
         self.process = subprocess.Popen(argv, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
         if argv[0] != 'sleep' and self.process.stdout.read(1) != b'r':
+            self.end()
             raise RuntimeError(f'{title}: the target did not start')
         time.sleep(0.5)  # lets the last threads reach their wait; nothing depends on it
 
@@ -45,8 +45,10 @@ def timed(argv, environment):
     """Milliseconds of wall and processor time."""
     start = time.monotonic()
     child = subprocess.Popen(argv, env=environment, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-    _, _, usage = os.wait4(child.pid, 0)
-    child.returncode = 0
+    _, status, usage = os.wait4(child.pid, 0)
+    child.returncode = os.waitstatus_to_exitcode(status)
+    if child.returncode != 0:
+        print(f'{" ".join(argv)}: exit status {child.returncode}', file=sys.stderr)
     return (time.monotonic() - start) * 1e3, (usage.ru_utime + usage.ru_stime) * 1e3
 
 
@@ -79,18 +81,21 @@ def main():
     holds_file = f'{folder}/holds'
     report = f'{folder}/report'
     chains = f'{build}/bench/call_chains'
-    targets = [
-        Target('1 thread (sleep)', ['sleep', '100000']),
-        Target('20 threads', [chains, '19']),
-        Target('200 threads', [chains, '199']),
-        Target('200 threads, 50 chains', [chains, '199', '50']),
-        Target('2000 threads', [chains, '1999'], in_gdb=False),
-    ]
+    programs = {
+        '1 thread (sleep)': ['sleep', '100000'],
+        '20 threads': [chains, '19'],
+        '200 threads': [chains, '199'],
+        '200 threads, 50 chains': [chains, '199', '50'],
+        '2000 threads': [chains, '1999'],
+    }
     if shutil.which('node'):
         with open(f'{folder}/workers.js', 'w', encoding='ascii') as program:
             program.write(NODE_PROGRAM)
-        targets.append(Target('Node.js, 4 workers', ['node', f'{folder}/workers.js']))
+        programs['Node.js, 4 workers'] = ['node', f'{folder}/workers.js']
+    targets = []
     try:
+        for title, argv in programs.items():
+            targets.append(Target(title, argv))
         print('| target | tool | wall ms | CPU ms | peak MB | hold median ms | hold longest ms | wall: times the tool |')
         print('|---|---|---|---|---|---|---|---|')
         for target in targets:
@@ -102,8 +107,8 @@ def main():
                 'gdb': ['nice', '-n', '19', 'gdb', '-nx', '-batch', '-p', pid, '-ex', 'thread apply all bt'],
                 'floor': [f'{build}/bench/floor', pid],
             }
-            if not target.in_gdb:
-                del tools['gdb']
+            if target.title == '2000 threads':
+                del tools['gdb']  # takes minutes
             runs = {name: [] for name in tools}
             for _ in range(rounds):
                 for name, argv in tools.items():

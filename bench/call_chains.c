@@ -1,6 +1,9 @@
 // A program to be dumped: many threads, each waiting at the end of a chain of 21 functions (25 frames with
-// those of the system). It writes one byte to standard output when all are there. usage: call_chains THREADS
-// [CHAINS]   thread i takes chain i modulo CHAINS; each chain differs from the others
+// those of the system). It writes one byte to standard output when all are there.
+//
+// usage: call_chains THREADS [CHAINS]
+//
+// Thread i takes chain i modulo CHAINS; each chain differs from the others.
 #include <pthread.h>
 #include <stdint.h>
 #include <stdlib.h>

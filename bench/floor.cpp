@@ -1,5 +1,7 @@
 // The least that any tool does to a thread it looks at: attach, await the stop, read the registers and 2 KiB
-// of stack, detach. On four workers, as the tool works. usage: floor PID
+// of stack, detach. On four workers, as the tool works.
+//
+// usage: floor PID
 #include <dirent.h>
 #include <elf.h>
 #include <sched.h>

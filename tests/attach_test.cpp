@@ -97,11 +97,9 @@ TEST(stop_wait, gives_up_after_one_to_two_seconds_and_a_late_stop_is_released)
     const held_target sleeper;
     dumper_test job(sleeper.pid(), sleeper.tid);
     ASSERT_EQ(job.job.attach_thread(-1), 0);
-    timeval start;
-    gettimeofday(&start, nullptr);
+    const timeval start = now();
     EXPECT_EQ(job.wait_for_sigstop(), -1);
-    timeval end;
-    gettimeofday(&end, nullptr);
+    const timeval end = now();
     EXPECT_TRUE(job.detach_failed);
     EXPECT_GE(elapsed_ms(start, end), 1000);
     EXPECT_LE(elapsed_ms(start, end), 10000);

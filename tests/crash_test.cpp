@@ -199,13 +199,10 @@ TEST(crash_reporter, costs_nothing_without_a_server_and_five_seconds_with_a_sile
 {
     const string dir = fresh_dir();
     const auto crash_ms = [&dir](const crash_case& c) {
-        timeval start;
-        gettimeofday(&start, nullptr);
+        const timeval start = now();
         crashing program(dir, {c.kind, "2", "thread"});
         EXPECT_TRUE(program.dies_by(c.signo)) << c.kind;
-        timeval end;
-        gettimeofday(&end, nullptr);
-        return elapsed_ms(start, end);
+        return elapsed_ms(start, now());
     };
     for (const crash_case& c : crash_cases)
         crash_ms(c);

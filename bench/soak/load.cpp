@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -163,8 +164,8 @@ void everything_at_once(const server& daemon, const target& idle)
 {
     constexpr int requesters = 16;
     constexpr int silent_peers = 300;
-    constexpr double idle_limit_ms =
-        60000;  // after which a server with more than 256 connections closes some
+    // After which a server with more than 256 connections closes some.
+    constexpr double idle_limit_ms = 60000;
     churning_target churn[4];
     std::atomic<double> longest_ms{0};
     const long dumps_before = figures.server_dumps;

@@ -1,7 +1,5 @@
 // Phases in which the server lacks something: a reader of its log entries, room for reports, descriptors.
 #include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/socket.h>

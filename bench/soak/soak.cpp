@@ -1,9 +1,12 @@
 // Called by ./dev soak, as root and with a /tmp and a /dev of its own.
-// usage: soak [MINUTES] [--dumps NUMBER]   so many client dumps, then one round of every phase of server
-// mode, and further rounds until the time has passed; one server lives through all of them Exit status 1 when
-// anything went wrong.
+//
+// usage: soak [MINUTES] [--dumps NUMBER]
+//
+// So many client dumps, then one round of every phase of server mode, and further rounds until the time has
+// passed; one server lives through all of them. Exit status 1 when anything went wrong.
 #include "soak.h"
 
+#include <ctype.h>
 #include <string.h>
 
 #include <cstdio>
@@ -51,13 +54,6 @@ void expect_unharmed(const server& daemon, const target& idle, const string& aft
     expect(ask(make_request(CMD_THREAD_STAT, idle.pid(), idle.pid(), "/tmp")) == 0,
            "the server does not serve after " + after);
     expect(daemon.is_idle(), "threads or descriptors are left after " + after);
-}
-
-timeval now()
-{
-    timeval time;
-    gettimeofday(&time, nullptr);
-    return time;
 }
 
 double ms_since(const timeval& start)
@@ -139,6 +135,12 @@ void print_table()
     print_row("faults (0)", figures.faults);
 }
 
+int usage()
+{
+    fprintf(stderr, "usage: soak [MINUTES] [--dumps NUMBER]\n");
+    return 2;
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -149,8 +151,10 @@ int main(int argc, char** argv)
     for (int i = 1; i < argc; i++)
         if (strcmp(argv[i], "--dumps") == 0 && i + 1 < argc)
             dumps = atoi(argv[++i]);
-        else
+        else if (isdigit(argv[i][0]))
             limit_ms = atof(argv[i]) * 60000;
+        else
+            return usage();
 
     const timeval start = now();
     client_dumps(dumps);

@@ -37,7 +37,6 @@ void expect_alive(const target& daemon, const std::string& after);
 // The server lives, serves, keeps nothing open, and the idle target runs.
 void expect_unharmed(const server& daemon, const target& idle, const std::string& after);
 
-timeval now();
 double ms_since(const timeval& start);
 // Asks on a connection of its own until the report is closed: whether it is whole, one stack for each thread.
 bool ask_for_whole_report(const target& program, const std::string& dir);
@@ -55,7 +54,7 @@ struct socket_set_aside {
 void crashes(const server& daemon, const target& idle);
 // One program's crash, with the reporting library and so many further threads. Its report is checked; false
 // when there is none. The marker is any target that runs.
-bool crash_once(int kind, int further, const std::string& where, const target& marker);
+bool crash_once(int number, int further, const std::string& where, const target& marker);
 void survivors(const server& daemon, const target& idle);
 
 // load.cpp

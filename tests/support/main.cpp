@@ -68,9 +68,9 @@ int main(int argc, char** argv)
 {
     testing::InitGoogleTest(&argc, argv);
     if (!testing::GTEST_FLAG(list_tests)) {
+        const string build = build_dir();  // in a chroot, its path cannot be found out any more afterwards
         must(unshare(CLONE_NEWNS) == 0, "unshare");
         must(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "private mounts");
-        const string build = build_dir();
         mount_over("/tmp", "mode=1777",
                    build.starts_with("/tmp/") ? std::vector{build} : std::vector<string>{});
         mount_over("/dev", "mode=755",

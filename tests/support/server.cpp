@@ -1,15 +1,12 @@
 #include "support/server.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <string.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -144,8 +141,9 @@ int connection::acknowledgement(uint16_t* cmd, int limit_ms) const
         *cmd = answer.cmd;
     int status;
     memcpy(&status, answer.ack_t.ack, sizeof(status));
-    const uint8_t* rest = answer.ack_t.ack + sizeof(status);
-    const bool empty = std::all_of(rest, rest + 84, [](uint8_t byte) { return byte == 0; });
+    const auto* bytes = reinterpret_cast<const uint8_t*>(&answer);
+    const bool empty = std::all_of(bytes + offsetof(dumper_frame, ack_t) + sizeof(status),
+                                   bytes + sizeof(answer), [](uint8_t byte) { return byte == 0; });
     return empty ? status : no_answer + 1;  // nothing of the server's memory may leak
 }
 

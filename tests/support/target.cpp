@@ -19,12 +19,15 @@ using std::vector;
 
 string build_dir()
 {
-    char path[PATH_MAX] = "";
-    const ssize_t length = readlink("/proc/self/exe", path, sizeof(path) - 1);
-    string dir(path, length > 0 ? static_cast<size_t>(length) : 0);
-    for (int up = 0; up < 2; up++)
-        dir.erase(dir.rfind('/'));
-    return dir;
+    static const string found = [] {
+        char path[PATH_MAX] = "";
+        const ssize_t length = readlink("/proc/self/exe", path, sizeof(path) - 1);
+        string dir(path, length > 0 ? static_cast<size_t>(length) : 0);
+        for (int up = 0; up < 2; up++)
+            dir.erase(dir.rfind('/'));
+        return dir;
+    }();
+    return found;
 }
 
 char thread_state(pid_t pid, pid_t tid)
@@ -73,9 +76,9 @@ bool has_herald(pid_t pid)
 
 }  // namespace
 
-bool sleep_one_ms()
+void sleep_one_ms()
 {
-    return usleep(1000) == 0;
+    usleep(1000);
 }
 
 target::target(vector<string> argv, bool wait_for_byte, const std::function<void()>& in_child)
@@ -151,9 +154,10 @@ int target::wait_for_end(int limit_ms)
 bool target::dies_by(int signo)
 {
     const int status = wait_for_end();
-    if (status == -1 || !WIFSIGNALED(status) || WTERMSIG(status) != signo)
-        fprintf(stderr, "status %x, thread state %c\n", status, thread_state(child, child));
-    return status != -1 && WIFSIGNALED(status) && WTERMSIG(status) == signo;
+    const bool died = status != -1 && WIFSIGNALED(status) && WTERMSIG(status) == signo;
+    if (!died)
+        fprintf(stderr, "it should have died by signal %d: wait status %d\n", signo, status);
+    return died;
 }
 
 bool target::runs_untraced() const
@@ -173,7 +177,7 @@ held_target::held_target(vector<string> argv) : target(std::move(argv), false)
 {
     const string numbers = read_output(20);
     tid = atoi(numbers.substr(0, 10).c_str());
-    child = atoi(numbers.substr(10).c_str());
+    vfork_child = atoi(numbers.substr(10).c_str());
     if (!eventually([this] { return thread_state(pid(), tid) == 'D'; }))
         fprintf(stderr, "no held target: '%s'\n", numbers.c_str());
 }

@@ -21,7 +21,7 @@ std::vector<pid_t> thread_ids(pid_t pid);
 
 std::string file_text(const std::string& path);
 
-bool sleep_one_ms();
+void sleep_one_ms();
 
 // Polls until condition() holds; false after limit_ms.
 template <typename condition_type>
@@ -68,8 +68,8 @@ struct held_target : target {
     pid_t tid;
 
     explicit held_target(std::vector<std::string> argv = {"vfork_parent"});
-    void wake() const { kill(child, SIGKILL); }
+    void wake() const { kill(vfork_child, SIGKILL); }
 
 private:
-    pid_t child;
+    pid_t vfork_child;
 };

@@ -25,14 +25,14 @@ string take_text(int fd)
     return text;
 }
 
+}  // namespace
+
 timeval now()
 {
     timeval time;
     gettimeofday(&time, nullptr);
     return time;
 }
-
-}  // namespace
 
 running_program::running_program(const vector<string>& argv, const std::function<void()>& in_child)
     : out(output_file()), err(output_file()), start(now()), program(argv, false, [&] {

@@ -10,6 +10,8 @@
 
 #include "support/target.h"
 
+timeval now();
+
 struct tool_run {
     int status;       // of waitpid; -1 when it had to be killed at the limit
     std::string out;  // standard output

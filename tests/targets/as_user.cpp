@@ -1,4 +1,7 @@
-// Becomes another user, then another program: usage: as_user ID PROGRAM [ARGUMENT...]
+// Becomes another user, then another program.
+//
+// usage: as_user ID PROGRAM [ARGUMENT...]
+//
 // The program is opened before, since its directory may be closed to that user.
 #include <fcntl.h>
 #include <grp.h>

@@ -1,5 +1,8 @@
 // A program that replaces itself by itself all the time, from its lead thread or, with "thread", from another
-// one. The first image writes one byte. usage: execs [lead|thread]
+// one. The first image writes one byte.
+//
+// usage: execs [lead|thread]
+//
 // Ends when its parent has gone: the signal that others get then does not outlive the exec of a thread.
 #include <unistd.h>
 

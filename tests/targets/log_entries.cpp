@@ -1,6 +1,9 @@
-// Makes entries with the system log layer. usage: log_entries [COUNT [stop|LENGTH]]   COUNT entries with
-// their number (stop: and one more when it is continued), or COUNT of that length from each of eight threads;
-// a fixed few without arguments. Status 0 when errno and the results were right.
+// Makes entries with the system log layer.
+//
+// usage: log_entries [COUNT [stop|LENGTH]]
+//
+// COUNT entries with their number (stop: and one more when it is continued), or COUNT of that length from
+// each of eight threads; a fixed few without arguments. Status 0 when errno and the results were right.
 #include <errno.h>
 #include <signal.h>
 

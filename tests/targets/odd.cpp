@@ -1,6 +1,9 @@
-// Odd programs to be dumped. usage: odd NAME     waits under that process name; SIGUSR1 makes it another
-//                                    user's, and root's again, and it says so
-//                                    odd --churn  threads are born and die all the time
+// Odd programs to be dumped.
+//
+// usage: odd NAME | --churn
+//
+// Under a name it waits; SIGUSR1 makes it another user's, and root's again, and it says so. With --churn
+// threads are born and die all the time.
 #include <pthread.h>
 #include <signal.h>
 #include <sys/prctl.h>

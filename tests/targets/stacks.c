@@ -1,5 +1,7 @@
 // A program with one stack of a given kind, for the unwinder. It says "ready" with one byte on standard
-// output. usage: stacks plain|deep|vdso|null|signal|leaf|spin|anonymous|loop
+// output.
+//
+// usage: stacks plain|deep|vdso|null|signal|leaf|spin|anonymous|loop
 #define _GNU_SOURCE
 #include "stacks.h"
 

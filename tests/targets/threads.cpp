@@ -1,6 +1,9 @@
 // A program to be dumped: named threads with known call chains. It says "ready" with one byte on standard
-// output. usage: threads COUNT [FRAMES]   COUNT further threads, each FRAMES (default 5) calls deep, waiting
-// for ever
+// output.
+//
+// usage: threads COUNT [FRAMES]
+//
+// COUNT further threads, each FRAMES (default 5) calls deep, waiting for ever.
 #include <pthread.h>
 #include <unistd.h>
 

@@ -1,7 +1,11 @@
 // A program with a thread that never stops for a tracer: it waits, in uninterruptible sleep, for its vfork
-// child, which lives until the test kills it. usage: vfork_parent [thread]   The waiting thread is the lead,
-// or with "thread" another. Writes the numbers of the waiting thread and of the child, ten characters each;
-// later "u" whenever the waiting thread runs a handler of SIGUSR1. SIGTERM ends it with status 0.
+// child, which lives until the test kills it.
+//
+// usage: vfork_parent [thread]
+//
+// The waiting thread is the lead, or with "thread" another. Writes the numbers of the waiting thread and of
+// the child, ten characters each; later "u" whenever the waiting thread runs a handler of SIGUSR1. SIGTERM
+// ends it with status 0.
 #include <signal.h>
 #include <sys/prctl.h>
 #include <unistd.h>
