@@ -2,7 +2,7 @@
 // and symbols the walk reads. The same bytes stand at two addresses: a module without a file and one with,
 // the main thread's stack and another.
 #include "fake_process.h"
-#include "unwind/target_image.h"
+#include "unwind/unwind_walk.h"
 
 namespace
 {

@@ -16,15 +16,17 @@
 
 #include "dumper.h"
 #include "system_log.h"
+#include "time_limit.h"
 #include "trace_gate.h"
 
 using std::string;
 using std::vector;
+using namespace std::chrono_literals;
 
 namespace
 {
-constexpr int rescue_limit_ms = 100;
-constexpr int reap_limit_ms = 1000;
+constexpr auto rescue_limit = 100ms;
+constexpr auto reap_limit = 1000ms;
 
 // A number of /proc/<pid>/task/<tid>/status, e.g. "TracerPid"; -1 when the thread or the line is not there.
 long long status_number(pid_t pid, pid_t tid, const char* key, int base)
@@ -99,21 +101,13 @@ bool release_or_run_to_stop(pid_t pid, pid_t tid, int sig)
     return ptrace(once_more ? PTRACE_CONT : PTRACE_DETACH, tid, 0, handed_back) == 0 && !once_more;
 }
 
-long ms_since(const timeval& start)
-{
-    timeval now;
-    gettimeofday(&now, nullptr);
-    return (now.tv_sec - start.tv_sec) * 1000 + (now.tv_usec - start.tv_usec) / 1000;
-}
-
 // Reaps a tracee that is ending, so that its parent's wait for it ends. A thread group leader can be reaped
 // only after all its other threads have gone: hence the loop.
 void reap_ending_thread(pid_t tid)
 {
-    timeval start;
-    gettimeofday(&start, nullptr);
+    const time_limit limit(reap_limit);
     int status = 0;
-    while (waitpid(tid, &status, __WALL | WNOHANG) == 0 && ms_since(start) < reap_limit_ms)
+    while (waitpid(tid, &status, __WALL | WNOHANG) == 0 && !limit.passed())
         sched_yield();
 }
 
@@ -287,9 +281,7 @@ bool dumper::rescue_thread(pid_t target_tid)
     }
 
     send_to_tracee(target_tid, SIGSTOP);
-    timeval start;
-    gettimeofday(&start, nullptr);
-    while (ms_since(start) < rescue_limit_ms) {
+    for (const time_limit limit(rescue_limit); !limit.passed();) {
         int status = 0;
         const auto waited =
             static_cast<pid_t>(TEMP_FAILURE_RETRY(waitpid(target_tid, &status, __WALL | WNOHANG)));
@@ -310,9 +302,7 @@ bool dumper::rescue_thread(pid_t target_tid)
 
 void dumper::release_after_exec()
 {
-    timeval start;
-    gettimeofday(&start, nullptr);
-    while (ms_since(start) < rescue_limit_ms) {
+    for (const time_limit limit(rescue_limit); !limit.passed();) {
         siginfo_t stop = {};
         constexpr int stops_of_own_tracees = WSTOPPED | WNOHANG | __WALL | __WNOTHREAD;
         if (TEMP_FAILURE_RETRY(waitid(P_ALL, 0, &stop, stops_of_own_tracees)) != 0)

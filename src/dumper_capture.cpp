@@ -12,14 +12,15 @@
 #include "dumper.h"
 #include "registers.h"
 #include "system_log.h"
-#include "unwind/target_image.h"
-#include "unwind/thread_snapshot.h"
+#include "time_limit.h"
+#include "unwind/unwind_walk.h"
 
 using std::stringstream;
+using namespace std::chrono_literals;
 
 namespace
 {
-constexpr double longest_resume_ms = 5;
+constexpr auto longest_resume = 5ms;
 
 struct space_deleter {
     void operator()(unw_addr_space_t space) const { unw_destroy_addr_space(space); }
@@ -38,16 +39,11 @@ using demangled_name = std::unique_ptr<char, free_deleter>;
 // that; where it never comes, the thread's state is shown as it is.
 bool read_kernel_trace(stringstream& trace, pid_t pid, pid_t tid)
 {
-    timeval start;
-    timeval now;
-    gettimeofday(&start, nullptr);
-    for (;;) {
+    for (const time_limit limit(longest_resume);;) {
         trace.str("");
         if (!sys_stat::get_kernel_calltrace_to_stream(&trace, pid, tid))
             return false;
-        gettimeofday(&now, nullptr);
-        if (trace.view().find("ptrace_stop") == std::string::npos ||
-            elapsed_ms(start, now) > longest_resume_ms)
+        if (trace.view().find("ptrace_stop") == std::string::npos || limit.passed())
             return true;
         sched_yield();
     }

@@ -52,7 +52,8 @@ inline double elapsed_ms(const timeval& start, const timeval& end)
            1000.0;
 }
 
-// Readers of /proc and system files. No state, no log entries; any number of threads may call them at once.
+// Readers of /proc and system files. No state, and no log entries but that of log_signal_summary; any number
+// of threads may call them at once.
 // A buffer reader puts what one read of the file gives into buf, its last byte replaced by NUL (the newline
 // of the one-line files), and returns false, buf untouched, when the file cannot be read or is empty. A
 // stream reader appends a whole file, each line indented by two spaces, and returns false when it cannot be

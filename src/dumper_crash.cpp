@@ -12,17 +12,19 @@
 
 #include "dumper.h"
 #include "system_log.h"
+#include "time_limit.h"
 #include "trace_gate.h"
 #include "unwind/thread_snapshot.h"
 
 using std::string;
 using std::stringstream;
+using namespace std::chrono_literals;
 
 namespace
 {
 constexpr int death_poll_us = 10000;
-constexpr int death_limit_us = 10000000;  // a survivor must not lock the server for ever,
-constexpr time_t follow_limit_s = 10;     // nor a thread that is stopped again and again
+constexpr auto death_limit = 10s;   // a survivor must not lock the server for ever,
+constexpr auto follow_limit = 10s;  // nor a thread that is stopped again and again
 
 bool is_crash_signal(int signal)
 {
@@ -52,9 +54,8 @@ int dumper::dump_process_crash()
     bool detach_failed = false;
     int ret = -1;
     int signal = 0;
-    const time_t start = time(nullptr);
-    while ((signal = wait_for_sigstop(&detach_failed, -1)) == SIGSTOP &&
-           time(nullptr) - start < follow_limit_s) {
+    const time_limit following(follow_limit);
+    while ((signal = wait_for_sigstop(&detach_failed, -1)) == SIGSTOP && !following.passed()) {
         ret = static_cast<int>(ptrace(PTRACE_CONT, tid, 0, 0));
         if (ret != 0)
             __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Ptrace continue failed: %s\n", strerror(errno));
@@ -97,12 +98,11 @@ int dumper::dump_process_crash()
     if (is_sent_again(signal))
         tgkill(pid, tid, signal);
 
-    int waited_us = 0;
-    while (process_exist(-1) == 0 && waited_us < death_limit_us) {
+    const time_limit dying(death_limit);
+    bool lives = false;
+    while ((lives = process_exist(-1) == 0) && !dying.passed())
         usleep(death_poll_us);
-        waited_us += death_poll_us;
-    }
-    if (waited_us >= death_limit_us)
+    if (lives)
         __android_log_print(ANDROID_LOG_WARN, "Dumper", "Process %d lives on after its crash dump\n", pid);
     return ret;
 }

@@ -28,8 +28,9 @@ int process_map_info::process_create_map_info_list()
         return -2;
     fseek(fmap, 0, SEEK_SET);
     char line[1024];
-    while (fgets(line, sizeof(line), fmap) != nullptr) {
-        map_info* mi = parse_maps_line(line);
+    bool starts_line = true;  // the further pieces of a long line are of its name, and may look like anything
+    for (; fgets(line, sizeof(line), fmap) != nullptr; starts_line = strchr(line, '\n') != nullptr) {
+        map_info* mi = starts_line ? parse_maps_line(line) : nullptr;
         if (mi != nullptr) {
             mi->next = header;
             header = mi;

@@ -64,8 +64,9 @@ bool connect_to_server(int fd, long deadline)
     address.sun_family = AF_UNIX;
     strcpy(address.sun_path, dump_server_socket);
     while (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+        // EAGAIN: the server's backlog is full.
         if ((errno != EAGAIN && errno != EINTR) || now_ms() >= deadline)
-            return false;  // EAGAIN: the server's backlog is full
+            return false;
         poll(nullptr, 0, 5);
     }
     return true;
@@ -162,6 +163,7 @@ void handle_fatal_signal(int signo, siginfo_t* info, void*)
 // Alternate stacks: sigaltstack(2) is per thread, and without one an overflowed stack has no room for the
 // handler.
 pthread_key_t stack_key;
+std::atomic<bool> has_stack_key{false};  // from install() on; other libraries may start threads before
 
 void drop_handler_stack(void* stack)
 {
@@ -174,7 +176,7 @@ void drop_handler_stack(void* stack)
 void give_thread_a_handler_stack()
 {
     stack_t present;
-    if (sigaltstack(nullptr, &present) != 0 || !(present.ss_flags & SS_DISABLE))
+    if (!has_stack_key || sigaltstack(nullptr, &present) != 0 || !(present.ss_flags & SS_DISABLE))
         return;
     void* stack = mmap(nullptr, handler_stack_size, PROT_READ | PROT_WRITE,
                        MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
@@ -217,8 +219,8 @@ void choose_report_dir()
 __attribute__((constructor)) void install()
 {
     choose_report_dir();
-    if (pthread_key_create(&stack_key, drop_handler_stack) == 0)
-        give_thread_a_handler_stack();
+    has_stack_key = pthread_key_create(&stack_key, drop_handler_stack) == 0;
+    give_thread_a_handler_stack();
 
     struct sigaction action = {};
     action.sa_sigaction = handle_fatal_signal;

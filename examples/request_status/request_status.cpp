@@ -80,7 +80,8 @@ bool exchange(int fd, const dumper_frame& request)
 
     dumper_frame answer;
     if (recv(fd, &answer, sizeof(answer), MSG_WAITALL) != sizeof(answer)) {
-        fprintf(stderr, "request_status: closed without an answer: no such process\n");
+        fprintf(stderr,
+                "request_status: closed without an answer: no such process, or none that can be read\n");
         return false;
     }
     int status;

@@ -77,9 +77,8 @@ public:
         }
     }
 
-    // data_base: what data-relative pointers count from. An indirect pointer gives the address of the
-    // pointer.
-    uint64_t read_pointer(uint8_t encoding, uint64_t data_base = 0)
+    // An indirect pointer gives the address of the pointer.
+    uint64_t read_pointer(uint8_t encoding)
     {
         if (encoding == pointer_encoding::omitted)
             return 0;
@@ -117,12 +116,9 @@ public:
                 return value;
             case pointer_encoding::pc_relative:
                 return value + here;
-            case pointer_encoding::data_relative:
-                return value + data_base;
-            default:
+            default:  // no compiler of these machines emits the other forms
                 ok_ = false;
-                return 0;  // text-, function-relative and aligned forms: no compiler of these machines emits
-                           // them
+                return 0;
         }
     }
 

@@ -45,6 +45,11 @@ std::optional<std::vector<uint8_t>> read_body(const frame_section& section, cons
     return body;
 }
 
+uint64_t read_id(byte_reader& reader, const entry_header& header)
+{
+    return header.wide ? reader.read<uint64_t>() : reader.read<uint32_t>();
+}
+
 // The place of the common information entry that an entry refers to, nothing when the entry is itself one.
 std::optional<uint64_t> find_common_entry(const frame_section& section, const entry_header& header,
                                           uint64_t id)
@@ -66,7 +71,7 @@ bool read_common_entry(const frame_section& section, uint64_t at, frame_entry& e
     if (!body)
         return false;
     byte_reader reader(*body, header->body);
-    const uint64_t id = header->wide ? reader.read<uint64_t>() : reader.read<uint32_t>();
+    const uint64_t id = read_id(reader, *header);
     if (find_common_entry(section, *header, id))
         return false;
     const auto version = reader.read<uint8_t>();
@@ -199,6 +204,13 @@ bool is_harmless_expression(std::span<const uint8_t> expression)
                                       [&starts](uint64_t to) { return to < starts.size() && starts[to]; });
 }
 
+template <typename number>
+void put(std::vector<uint8_t>& out, number value)
+{
+    const auto* bytes = reinterpret_cast<const uint8_t*>(&value);
+    out.insert(out.end(), bytes, bytes + sizeof(value));
+}
+
 // Copies a call-frame program, instruction by instruction: checks that each is whole and does libunwind no
 // harm, turns signature toggles into nothing (libunwind 1.6 gives up at one), gives DW_CFA_set_loc the form
 // that the copy declares, and ends after the last one that counts at pc.
@@ -219,7 +231,8 @@ public:
                     return false;
                 if (location > pc)
                     return true;
-                put_location(location);
+                out_.push_back(set_location);
+                put(out_, location);
                 continue;
             }
             uint64_t advance = 0;
@@ -241,13 +254,6 @@ public:
 private:
     static constexpr uint8_t no_operation = 0x00;
     static constexpr uint8_t set_location = 0x01;
-
-    void put_location(uint64_t location)
-    {
-        out_.push_back(set_location);
-        const auto* bytes = reinterpret_cast<const uint8_t*>(&location);
-        out_.insert(out_.end(), bytes, bytes + sizeof(location));
-    }
 
     static bool skip_expression(byte_reader& reader)
     {
@@ -327,13 +333,6 @@ private:
     int remembered_states_ = 0;
 };
 
-template <typename number>
-void put(std::vector<uint8_t>& out, number value)
-{
-    const auto* bytes = reinterpret_cast<const uint8_t*>(&value);
-    out.insert(out.end(), bytes, bytes + sizeof(value));
-}
-
 void put_uleb(std::vector<uint8_t>& out, uint64_t value)
 {
     do {
@@ -412,8 +411,7 @@ std::optional<frame_entry> read_frame_entry(const frame_section& section, uint64
     if (!body)
         return std::nullopt;
     byte_reader reader(*body, header->body);
-    const auto common_at =
-        find_common_entry(section, *header, header->wide ? reader.read<uint64_t>() : reader.read<uint32_t>());
+    const auto common_at = find_common_entry(section, *header, read_id(reader, *header));
     frame_entry entry;
     bool has_data = false;
     if (!common_at || !read_common_entry(section, *common_at, entry, has_data))
@@ -450,8 +448,7 @@ std::vector<frame_index_entry> index_frame_section(const frame_section& section,
         if (!section.read(header->body, head, head_bytes))
             break;
         byte_reader reader({head, head_bytes}, header->body);
-        const auto common_at = find_common_entry(
-            section, *header, header->wide ? reader.read<uint64_t>() : reader.read<uint32_t>());
+        const auto common_at = find_common_entry(section, *header, read_id(reader, *header));
         if (!common_at)
             continue;
         if (!common_known || *common_at != common_read_at) {

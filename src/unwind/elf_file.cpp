@@ -74,13 +74,6 @@ std::unique_ptr<elf_file> open_elf(const std::string& path)
     return file;
 }
 
-bool has_inode(const std::string& path, uint64_t inode)
-{
-    struct stat status {
-    };
-    return stat(path.c_str(), &status) == 0 && status.st_ino == inode;
-}
-
 }  // namespace
 
 elf_file::~elf_file()
@@ -97,6 +90,13 @@ bool elf_file::open_descriptor(int fd)
     elf_version(EV_CURRENT);
     elf_ = elf_begin(fd, ELF_C_READ, nullptr);
     return read_sections();
+}
+
+uint64_t elf_file::inode() const
+{
+    struct stat status {
+    };
+    return fd_ >= 0 && fstat(fd_, &status) == 0 ? status.st_ino : 0;
 }
 
 bool elf_file::open_image(std::vector<char> image)
@@ -224,7 +224,7 @@ std::unique_ptr<elf_file> open_mapped_file(pid_t tid, const mapping& file, const
     const std::string by_path[] = {"/proc/" + std::to_string(tid) + "/root" + file.path, file.path};
     for (const std::string& path : by_path) {
         auto found = open_elf(path);
-        if (found && (has_inode(path, file.inode) || (!build_id.empty() && found->build_id() == build_id)))
+        if (found && (build_id.empty() ? found->inode() == file.inode : found->build_id() == build_id))
             return found;
     }
     return nullptr;

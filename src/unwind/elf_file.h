@@ -48,6 +48,9 @@ public:
 
     std::string build_id() const;
 
+    // 0 for an image.
+    uint64_t inode() const;
+
     // The small symbol table that distributions pack into stripped files (.gnu_debugdata). Null when there is
     // none.
     std::unique_ptr<elf_file> open_mini_debug_info() const;
@@ -65,8 +68,8 @@ private:
 std::string find_build_id(std::span<const uint8_t> notes);
 
 // Opens the file that a mapping shows: through the kernel's own link to it, then inside the target's root,
-// then by its path. The latter two only count when they are the mapped file: by inode, or by build_id when
-// that is not empty.
+// then by its path. The latter two only count when they are the mapped file: by build_id, or by inode when
+// that is empty.
 std::unique_ptr<elf_file> open_mapped_file(pid_t tid, const mapping& file, const std::string& build_id);
 
 // Opens the debug file of a build-id under /usr/lib/debug of the target's root, then of the tool's own.

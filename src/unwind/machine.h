@@ -24,7 +24,8 @@ extern const uint64_t table_columns;  // those that libunwind has room for
 extern const int register_count;  // of machine_registers::word
 extern const unw_regnum_t stack_pointer;
 extern const unw_regnum_t frame_pointer;
-extern const size_t red_zone;  // bytes below the stack pointer that a leaf function may use
+extern const unw_regnum_t link_register;  // -1 where a call puts the return address on the stack
+extern const size_t red_zone;             // bytes below the stack pointer that a leaf function may use
 extern const size_t frame_record_align;
 
 // Sorts a set, and asks what else is needed of its thread, which the calling thread has stopped. False for a
@@ -39,17 +40,8 @@ bool toggles_signature(uint8_t opcode);
 constexpr size_t edge_code_bytes = 8;
 bool at_function_edge(std::span<const uint8_t, edge_code_bytes> code);
 
-// Where such a function's return address is; sp and lr are the frame's own (lr where the machine has one).
-// The stack address, or 0 when the address is the value of the link register.
-uint64_t return_address_slot(uint64_t stack_pointer_value);
-extern const unw_regnum_t link_register;  // -1 where the machine has none
-
 // True when the bytes that end at a return address are a call.
 constexpr size_t call_code_bytes = 8;
 bool follows_call(std::span<const uint8_t, call_code_bytes> code);
-
-// libunwind's search of a binary-search table in the target; exported, but without a public prototype.
-int search_unwind_table(unw_addr_space_t space, unw_word_t ip, unw_dyn_info_t* table, unw_proc_info_t* info,
-                        int need_info, void* arg);
 
 }  // namespace machine

@@ -13,9 +13,6 @@
 #define NT_ARM_PAC_MASK 0x406
 #endif
 
-extern "C" int UNW_OBJ(dwarf_search_unwind_table)(unw_addr_space_t, unw_word_t, unw_dyn_info_t*,
-                                                  unw_proc_info_t*, int, void*);
-
 namespace
 {
 
@@ -89,23 +86,12 @@ bool at_function_edge(std::span<const uint8_t, edge_code_bytes> code)
            || first == 0xd61f0220;                                         // br x17, its end
 }
 
-uint64_t return_address_slot(uint64_t)
-{
-    return 0;
-}
-
 bool follows_call(std::span<const uint8_t, call_code_bytes> code)
 {
     const uint32_t last = instruction(code.data() + 4);
     return (last & 0xfc000000) == 0x94000000      // bl
            || (last & 0xfffffc1f) == 0xd63f0000   // blr
            || (last & 0xfefff800) == 0xd63f0800;  // blraa, blrab and their zero forms
-}
-
-int search_unwind_table(unw_addr_space_t space, unw_word_t ip, unw_dyn_info_t* table, unw_proc_info_t* info,
-                        int need_info, void* arg)
-{
-    return UNW_OBJ(dwarf_search_unwind_table)(space, ip, table, info, need_info, arg);
 }
 
 }  // namespace machine

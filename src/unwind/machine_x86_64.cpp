@@ -5,9 +5,6 @@
 
 #include <cstring>
 
-extern "C" int UNW_OBJ(dwarf_search_unwind_table)(unw_addr_space_t, unw_word_t, unw_dyn_info_t*,
-                                                  unw_proc_info_t*, int, void*);
-
 namespace
 {
 
@@ -60,11 +57,6 @@ bool at_function_edge(std::span<const uint8_t, edge_code_bytes> code)
            || (first == 0xf2 && code[1] == 0xff && code[2] == 0x25);  // the same with bnd
 }
 
-uint64_t return_address_slot(uint64_t stack_pointer_value)
-{
-    return stack_pointer_value;
-}
-
 bool follows_call(std::span<const uint8_t, call_code_bytes> code)
 {
     if (code[3] == 0xe8)
@@ -76,12 +68,6 @@ bool follows_call(std::span<const uint8_t, call_code_bytes> code)
             return true;
     }
     return false;
-}
-
-int search_unwind_table(unw_addr_space_t space, unw_word_t ip, unw_dyn_info_t* table, unw_proc_info_t* info,
-                        int need_info, void* arg)
-{
-    return UNW_OBJ(dwarf_search_unwind_table)(space, ip, table, info, need_info, arg);
 }
 
 }  // namespace machine

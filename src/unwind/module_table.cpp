@@ -12,16 +12,17 @@
 namespace
 {
 
-constexpr int max_mappings_back =
-    64;  // from a pc's mapping to the ELF header: a handful, more for odd linkers
-constexpr size_t max_program_headers = 64;  // usual files have 10 to 15
+// From a pc's mapping to the ELF header: a handful, more for odd linkers.
+constexpr int max_mappings_back = 64;
+// Usual files have 10 to 15.
+constexpr size_t max_program_headers = 64;
 constexpr uint64_t max_frame_bytes = 256u << 20;
 constexpr uint64_t max_note_bytes = 4096;
 constexpr size_t row_bytes = 8;
 
-uint64_t align_down(uint64_t value, uint64_t alignment)
+uint64_t page_of(uint64_t address)
 {
-    return alignment > 1 ? value & ~(alignment - 1) : value;
+    return address & ~uint64_t{target_memory::page_bytes - 1};
 }
 
 const frame_index_entry* find_entry(const std::vector<frame_index_entry>& index, uint64_t pc)
@@ -86,17 +87,13 @@ std::unique_ptr<elf_module> module_table::read_module(const mapping& header, pid
     found->header = header;
     // The header's mapping shows the file from header.file_offset on; the first segment is the one that holds
     // the ELF header.
-    found->load_bias = header.start - (align_down(first->p_vaddr, target_memory::page_bytes) -
-                                       align_down(first->p_offset, target_memory::page_bytes));
-    found->start = found->load_bias + align_down(first->p_vaddr, first->p_align);
+    found->load_bias = header.start - (page_of(first->p_vaddr) - page_of(first->p_offset));
     for (const Elf64_Phdr& h : headers) {
         const uint64_t at = found->load_bias + h.p_vaddr;
         if (at + h.p_memsz < at)
             return nullptr;
-        if (h.p_type == PT_LOAD) {
+        if (h.p_type == PT_LOAD)
             found->segments.push_back({at, at + h.p_memsz});
-            found->end = std::max(found->end, at + h.p_memsz);
-        }
     }
     for (const Elf64_Phdr& h : headers) {
         const uint64_t at = found->load_bias + h.p_vaddr;

@@ -14,10 +14,8 @@
 
 struct elf_module {
     uint64_t load_bias = 0;  // address in the target less address in the file
-    uint64_t start = 0;      // of the first loaded segment, aligned as the file asks
-    uint64_t end = 0;
-    mapping header;        // the mapping that begins with the ELF header
-    std::string build_id;  // as the loaded image says; empty without one
+    mapping header;          // the mapping that begins with the ELF header
+    std::string build_id;    // as the loaded image says; empty without one
     struct segment {
         uint64_t start = 0;
         uint64_t end = 0;

@@ -8,8 +8,8 @@
 namespace
 {
 
-constexpr uint64_t max_symbol_bytes = 128u
-                                      << 20;  // the biggest programs known have some three million symbols
+// The biggest programs known have some three million symbols.
+constexpr uint64_t max_symbol_bytes = 128u << 20;
 constexpr size_t max_name_bytes = 4096;
 
 bool is_code(const Elf64_Sym& symbol, const std::vector<elf_file::section>& sections)

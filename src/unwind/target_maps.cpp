@@ -11,8 +11,8 @@ namespace
 {
 
 constexpr int max_refreshes = 16;  // a target that maps and unmaps all the time must not slow a dump down
-constexpr uint64_t lowest_mapped_address =
-    0x10000;  // below it a pc comes from a null pointer: nothing new to find
+// Below it a pc comes from a null pointer: nothing new to find.
+constexpr uint64_t lowest_mapped_address = 0x10000;
 
 }  // namespace
 

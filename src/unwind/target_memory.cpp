@@ -14,8 +14,8 @@
 namespace
 {
 
-constexpr size_t max_kept_pages =
-    512;  // 2 MiB; tables are read once for each distinct pc, so few pages come back
+// 2 MiB; tables are read once for each distinct pc, so few pages come back.
+constexpr size_t max_kept_pages = 512;
 
 int open_mem(pid_t tid)
 {

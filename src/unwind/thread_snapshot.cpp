@@ -10,7 +10,7 @@
 #include <cstring>
 
 #include "machine.h"
-#include "target_image.h"
+#include "unwind_walk.h"
 
 namespace
 {

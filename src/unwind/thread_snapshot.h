@@ -1,5 +1,5 @@
 // What unwinding needs of a thread, taken while it is held: its registers and a copy of its stack. The walk
-// runs on it after the release, so a thread is held for some 20 microseconds instead of for the walk.
+// runs on it after the release, so a thread is not held for the walk.
 #pragma once
 
 #include <sys/types.h>
@@ -34,8 +34,7 @@ public:
     // Adds the page of an address. For the walk that runs while the thread is held.
     bool copy_page(target_memory& memory, uint64_t address);
 
-    // The copied stretch from the stack pointer upwards.
-    uint64_t stack_start() const { return start_; }
+    // Of what was copied, from the stack pointer upwards.
     uint64_t stack_end() const { return start_ + size_; }
 
 private:

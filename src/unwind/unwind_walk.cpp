@@ -1,10 +1,15 @@
-// Answers libunwind's questions during a walk. See target_image.h.
+// Answers libunwind's questions during a walk. See unwind_walk.h.
 //
 // libunwind passes its accessors the _UPT_create pointer, which the stock ones need, so the walk of the
 // calling thread is found through a thread-local pointer.
+#include "unwind_walk.h"
+
+#include <array>
 #include <cstring>
 
-#include "target_image.h"
+// libunwind's search of a binary-search table in the target: exported, but without a public prototype.
+extern "C" int UNW_OBJ(dwarf_search_unwind_table)(unw_addr_space_t, unw_word_t, unw_dyn_info_t*,
+                                                  unw_proc_info_t*, int, void*);
 
 namespace
 {
@@ -45,7 +50,7 @@ struct walk_accessors {
         table.u.rti.segbase = unwind_rule::address;
         table.u.rti.table_data = unwind_rule::address;
         table.u.rti.table_len = unwind_rule::table_bytes / sizeof(unw_word_t);
-        if (machine::search_unwind_table(space, pc, &table, info, need_info, arg) < 0)
+        if (UNW_OBJ(dwarf_search_unwind_table)(space, pc, &table, info, need_info, arg) < 0)
             return end_of_walk;
         if (info->unwind_info != nullptr) {
             walk.rule_->keep_decoded({static_cast<const uint8_t*>(info->unwind_info),
@@ -66,10 +71,8 @@ struct walk_accessors {
 
     static int access_reg(unw_addr_space_t, unw_regnum_t number, unw_word_t* value, int write, void*)
     {
-        if (write != 0 || number < 0 || number >= machine::register_count)
-            return -UNW_EBADREG;
         const unwind_walk& walk = *current_walk;
-        if (walk.thread_.registers() == nullptr)
+        if (write != 0 || !walk.has_register(number))
             return -UNW_EBADREG;
         *value = walk.held_register(number);
         return 0;
@@ -134,10 +137,14 @@ uint64_t unwind_walk::frame_register(unw_regnum_t number)
     return unw_get_reg(&cursor_, number, &value) == 0 ? value : 0;
 }
 
+bool unwind_walk::has_register(unw_regnum_t number) const
+{
+    return thread_.registers() != nullptr && number >= 0 && number < machine::register_count;
+}
+
 uint64_t unwind_walk::held_register(unw_regnum_t number) const
 {
-    const machine_registers* registers = thread_.registers();
-    return registers != nullptr ? strip_signature(registers->word[static_cast<size_t>(number)]) : 0;
+    return strip_signature(thread_.registers()->word[static_cast<size_t>(number)]);
 }
 
 // The frame's own; libunwind gives the pc for that register number. 0 where the machine has none, or when its
@@ -148,8 +155,9 @@ uint64_t unwind_walk::link_register()
     uint64_t value = 0;
     if (machine::link_register < 0 || unw_get_save_loc(&cursor_, machine::link_register, &place) != 0)
         return 0;
+    // The tables can say any register of the machine, a vector register for one.
     if (place.type == UNW_SLT_REG)
-        return held_register(place.u.regnum);
+        return has_register(place.u.regnum) ? held_register(place.u.regnum) : 0;
     return place.type == UNW_SLT_MEMORY && read_word(place.u.addr, value) ? value : 0;
 }
 
@@ -261,10 +269,9 @@ const unwind_rule* unwind_walk::guess_rule(uint64_t pc)
     const uint64_t pointer = frame_register(machine::stack_pointer);
     uint64_t return_address = 0;
     if (pc == frame_register(UNW_REG_IP) && at_function_edge(pc)) {  // interrupted, not calling
-        const uint64_t slot = machine::return_address_slot(pointer);
-        if (slot == 0) {
+        if (machine::link_register >= 0) {
             return_address = link_register();
-        } else if (!read_word(slot, return_address)) {
+        } else if (!read_word(pointer, return_address)) {
             return nullptr;
         }
         if (!plausible_return(return_address))
