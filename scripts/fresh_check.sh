@@ -12,7 +12,7 @@ die() {
 # What runs inside.
 inside() {
     apt-get -qq update
-    git -c advice.detachedHead=false clone --quiet /quorvineler.bundle /root/quorvineler
+    git -c advice.detachedHead=false -c init.defaultBranch=main clone --quiet /quorvineler.bundle /root/quorvineler
     cd /root/quorvineler
     local command started
     sed -n 's/^    \(sudo \.\/dev [a-z]*\) .*/\1/p' README.md | head -n 2 | while read -r command; do
