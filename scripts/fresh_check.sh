@@ -17,7 +17,7 @@ inside() {
     local command started
     sed -n 's/^    \(sudo \.\/dev [a-z]*\) .*/\1/p' README.md | head -n 2 | while read -r command; do
         started=$SECONDS
-        $command </dev/null >/command.log 2>&1 || { tail -n 40 /command.log && die "$command failed"; }
+        $command </dev/null >/command.log 2>&1 || { cat /command.log && die "$command failed"; }
         echo "$command: $((SECONDS - started)) s: $(grep -vE '^$|Total Test time' /command.log | tail -n 1)"
     done
 }

@@ -211,7 +211,9 @@ bool unwind_walk::in_trampoline(uint64_t pc)
 bool unwind_walk::step()
 {
     const int stepped = unw_step(&cursor_);
-    return (stepped > 0 || (stepped == 0 && stopped_at_null_frame_pointer())) && reached_code();
+    const bool moved =
+        stepped > 0 || (stepped == 0 && (stopped_at_null_frame_pointer() || stopped_at_null_pc()));
+    return moved && reached_code();
 }
 
 // libunwind 1.8 takes a zero in the caller's x29 for the end of the stack: it has found the caller's
@@ -226,6 +228,13 @@ bool unwind_walk::stopped_at_null_frame_pointer()
     // The cursor keeps the address before it tries, in vain, to write it to the target.
     unw_set_reg(&cursor_, UNW_REG_IP, caller);
     return frame_register(UNW_REG_IP) == caller;
+}
+
+// libunwind 1.8 takes every pc of 0 for the end of the stack, and has moved to it. Behind a signal's
+// trampoline it is where a call through a null pointer went.
+bool unwind_walk::stopped_at_null_pc()
+{
+    return rule_asked_ && rule_ != nullptr && rule_->signal_frame() && frame_register(UNW_REG_IP) == 0;
 }
 
 // Only what a signal interrupted may be anywhere, a call through a null pointer for one.

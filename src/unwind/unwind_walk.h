@@ -45,6 +45,7 @@ private:
     bool reached_code();
     bool in_trampoline(uint64_t pc);
     bool stopped_at_null_frame_pointer();
+    bool stopped_at_null_pc();
     uint64_t link_register();
     bool has_register(unw_regnum_t number) const;
     uint64_t held_register(unw_regnum_t number) const;
