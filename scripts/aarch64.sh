@@ -70,6 +70,7 @@ install_host_packages() {
         fi
     done <<LIST
 aarch64-linux-gnu-g++ g++-aarch64-linux-gnu
+arm-linux-gnueabihf-as binutils-arm-linux-gnueabihf
 qemu-system-aarch64 qemu-system-arm
 cmake cmake
 ninja ninja-build
@@ -94,7 +95,7 @@ own_apt() {
     shift
     apt-get -qq -o Dir::State="$folder/state" -o Dir::State::status="$folder/status" -o Dir::Cache="$folder/cache" \
         -o Dir::Etc::sourcelist="$folder/sources.list" -o Dir::Etc::sourceparts=/dev/null -o Dir::Etc::preferencesparts=/dev/null \
-        -o APT::Architecture=arm64 -o APT::Architectures=arm64,armhf -o APT::Sandbox::User=root \
+        -o APT::Architecture=arm64 -o APT::Architectures=arm64 -o APT::Sandbox::User=root \
         -o APT::Get::AllowUnauthenticated=false -o Debug::NoLocking=true "$@" >&2
 }
 
@@ -104,7 +105,7 @@ arm64_packages=(libc6-dev libstdc++6 libunwind-dev libelf-dev liblzma-dev libgte
 kernel_package=linux-image-cloud-arm64
 
 # Fills $cache: sysroot/ (headers and libraries), control/ (deb-symbols(5) and deb-shlibs(5) by package), vmlinuz,
-# busybox, busybox-armhf.
+# busybox.
 download_debian() {
     local wanted="${arm64_packages[*]} $kernel_package control"
     if [[ -e $cache/complete && $(<"$cache/complete") == "$wanted" ]]; then
@@ -117,17 +118,27 @@ download_debian() {
     mkdir -p "$apt"/state/lists/partial "$apt"/cache/archives/partial "$apt/other"
     : >"$apt/status"
     echo "deb [signed-by=$keyring] $address $codename main" >"$apt/sources.list"
-    own_apt "$apt" update || die "could not fetch or verify the package list of Debian $debian"
+    fetch_package_list "$apt"
     own_apt "$apt" install -y --no-install-recommends --download-only "${arm64_packages[@]}" ||
         die "could not fetch Debian $debian's arm64 packages"
     unpack_sysroot "$apt/cache/archives"
-    (cd "$apt/other" && own_apt "$apt" download busybox-static:armhf "$(newest_kernel_package "$apt")") ||
+    (cd "$apt/other" && own_apt "$apt" download "$(newest_kernel_package "$apt")") ||
         die "could not fetch Debian $debian's arm64 kernel"
     dpkg-deb --fsys-tarfile "$apt"/other/linux-image-*.deb | tar -x -O --wildcards './boot/vmlinuz-*' >"$cache/vmlinuz"
-    dpkg-deb --fsys-tarfile "$apt"/other/busybox-static*.deb | tar -x -O --wildcards '*bin/busybox' >"$cache/busybox-armhf"
     cp "$sysroot/usr/bin/busybox" "$cache/busybox"
     rm -rf "$apt"
     echo "$wanted" >"$cache/complete"
+}
+
+# A mirror in the middle of its own update has lists that do not match yet.
+fetch_package_list() {
+    local again
+    for again in 20 60 180 ''; do
+        ! own_apt "$1" update || return 0
+        [[ $again ]] || die "could not fetch or verify the package list of Debian $debian"
+        say "no valid package list of Debian $debian, again in $again seconds"
+        sleep "$again"
+    done
 }
 
 # The package behind the kernel's metapackage, e.g. linux-image-6.1.0-40-cloud-arm64.
@@ -205,11 +216,12 @@ copy_libraries() {
 # Writes the machine's root file system, with the command to run in it, to the archive $1.
 make_initramfs() {
     local root=$work/root
-    mkdir -p "$root"/{bin,etc,guest,opt/armhf}
+    mkdir -p "$root"/{bin,etc,guest}
     install "$project/scripts/aarch64/init" "$root/init"
     install "$project/scripts/aarch64/syslog_check" "$root/guest/syslog_check"
     install "$cache/busybox" "$root/bin/busybox"
-    install "$cache/busybox-armhf" "$root/opt/armhf/busybox"
+    arm-linux-gnueabihf-as -o "$work/arm_program.o" "$project/scripts/aarch64/arm_program.s"
+    arm-linux-gnueabihf-ld -o "$root/guest/arm_program" "$work/arm_program.o"
     copy_project "$root"
     copy_libraries "$root"
     printf '%s\n' 'root:x:0:0:root:/root:/bin/sh' 'nobody:x:65534:65534:nobody:/var/empty:/bin/sh' >"$root/etc/passwd"
