@@ -1,5 +1,6 @@
 // ELF files: as a file and as an image in memory, with the names of a symbol table.
 #include "fake_process.h"
+#include "unwind/demangle.h"
 #include "unwind/symbol_table.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
@@ -20,6 +21,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         for (const uint64_t address : addresses) {
             const symbol_name name = symbols.find(address);
             check(name.text.size() < 4096 && (name.text.empty() ? name.offset == 0 : name.offset <= address));
+            check(demangle(name.text.c_str()).size() <= max_demangled_bytes);
         }
     }
     return 0;

@@ -101,7 +101,7 @@ own_apt() {
 
 # What the project is built against and what the guest runs. The cloud kernel is the same kernel with fewer drivers, a
 # third of the download.
-arm64_packages=(libc6-dev libstdc++6 libunwind-dev libelf-dev liblzma-dev libgtest-dev libgmock-dev busybox-static)
+arm64_packages=(libc6-dev libstdc++6 libunwind-dev libelf-dev liblzma-dev libiberty-dev libgtest-dev libgmock-dev busybox-static)
 kernel_package=linux-image-cloud-arm64
 
 # Fills $cache: sysroot/ (headers and libraries), control/ (deb-symbols(5) and deb-shlibs(5) by package), vmlinuz,

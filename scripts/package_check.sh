@@ -54,7 +54,7 @@ machine=$(dpkg --print-architecture)
 
 # A package suits the release it was built on (libunwind): builds one in a root of that release.
 build_for_other_release() {
-    unpack_fresh_root "$codename" "$codename-build" "$root-build" g++ cmake ninja-build pkg-config libunwind-dev libelf-dev liblzma-dev \
+    unpack_fresh_root "$codename" "$codename-build" "$root-build" g++ cmake ninja-build pkg-config libunwind-dev libelf-dev liblzma-dev libiberty-dev \
         dpkg-dev file lintian
     mkdir "$root-build/source"
     git ls-files -z -co --exclude-standard | tar -c --null -T - | tar -x -C "$root-build/source"

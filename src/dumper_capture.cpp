@@ -1,18 +1,17 @@
 // What a held thread shows: its registers and its user stack, unwound from outside. Beside them what needs no
 // stop: the kernel stack, read after the release, and the memory map. Up to four workers run these at once,
 // each on a thread of its own.
-#include <cxxabi.h>
 #include <libunwind-ptrace.h>
 #include <sched.h>
 #include <string.h>
 
-#include <cstdlib>
 #include <memory>
 
 #include "dumper.h"
 #include "registers.h"
 #include "system_log.h"
 #include "time_limit.h"
+#include "unwind/demangle.h"
 #include "unwind/unwind_walk.h"
 
 using std::stringstream;
@@ -28,12 +27,8 @@ struct space_deleter {
 struct context_deleter {
     void operator()(void* context) const { _UPT_destroy(context); }
 };
-struct free_deleter {
-    void operator()(char* text) const { free(text); }
-};
 using unwind_space = std::unique_ptr<std::remove_pointer_t<unw_addr_space_t>, space_deleter>;
 using unwind_context = std::unique_ptr<void, context_deleter>;
-using demangled_name = std::unique_ptr<char, free_deleter>;
 
 // A released thread shows the stop that the tool held it in until it gets a processor. The short wait is for
 // that; where it never comes, the thread's state is shown as it is.
@@ -115,13 +110,9 @@ int dumper::dump_backtrace(stringstream* ss, thread_snapshot& snapshot)
         char sym_raw[512];
         unw_word_t off = 0;
         if ((dump_mode & FUNC_PARSE) && unw_get_proc_name(&cursor, sym_raw, sizeof(sym_raw), &off) == 0) {
-            // Names that are not mangled stay as they are: the demangler takes `f` for the type float.
-            int status = 0;
-            const bool mangled = strncmp(sym_raw, "_Z", 2) == 0;
-            const demangled_name demangled(mangled ? abi::__cxa_demangle(sym_raw, nullptr, nullptr, &status)
-                                                   : nullptr);
+            const std::string demangled = demangle(sym_raw);
             write_text(ss, true, "#%2d pc 0x%lx  %s (%s + 0x%lx)\n", level, pc, module,
-                       demangled ? demangled.get() : sym_raw, off);
+                       demangled.empty() ? sym_raw : demangled.c_str(), off);
         } else {
             write_text(ss, true, "#%2d pc 0x%lx %s\n", level, pc, module);
         }

@@ -6,6 +6,7 @@
 
 #include "unwind/byte_reader.h"
 #include "unwind/call_frame_info.h"
+#include "unwind/demangle.h"
 #include "unwind/elf_file.h"
 #include "unwind/machine.h"
 #include "unwind/symbol_table.h"
@@ -161,6 +162,21 @@ static std::unique_ptr<unwind_rule> rule_of(frame_table table, const vector<uint
     const size_t at = table.describe(uint64_t{0x1000}, 0, rules);
     const auto entry = read_frame_entry(debug_frame_in(table.bytes), at);
     return entry ? make_unwind_rule(*entry, 0x10ff) : nullptr;
+}
+
+// A name of 511 bytes can stand for more than there is memory: every step names the one before twice.
+TEST(demangle, cuts_a_name_that_grows_without_end)
+{
+    string bomb = "_Z1f1AIiiE";
+    for (const char* last : {"S0_", "S1_", "S2_", "S3_", "S4_", "S5_", "S6_", "S7_", "S8_", "S9_", "SA_",
+                             "SB_", "SC_", "SD_", "SE_", "SF_", "SG_", "SH_", "SI_", "SJ_", "SK_", "SL_"})
+        bomb += "S_I" + string(last) + last + "E";
+    const string demangled = demangle(bomb.c_str());
+    EXPECT_EQ(demangled.size(), max_demangled_bytes);
+    EXPECT_TRUE(demangled.starts_with("f(A<int, int>, A<A<int, int>, A<int, int> >, A<A<")) << demangled;
+    EXPECT_EQ(demangle("_ZN4shop7counter5serveEv"), "shop::counter::serve()");
+    for (const char* plain : {"f", "main", "_Znot", "_GLOBAL__sub_I_main"})
+        EXPECT_EQ(demangle(plain), "") << plain;
 }
 
 TEST(call_frame_info, indexes_what_stands_beside_a_damaged_entry)

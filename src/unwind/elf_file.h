@@ -51,6 +51,8 @@ public:
     // 0 for an image.
     uint64_t inode() const;
 
+    size_t image_bytes() const { return image_.size(); }
+
     // The small symbol table that distributions pack into stripped files (.gnu_debugdata). Null when there is
     // none.
     std::unique_ptr<elf_file> open_mini_debug_info() const;

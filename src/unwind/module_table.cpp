@@ -18,6 +18,8 @@ constexpr int max_mappings_back = 64;
 constexpr size_t max_program_headers = 64;
 constexpr uint64_t max_frame_bytes = 256u << 20;
 constexpr uint64_t max_note_bytes = 4096;
+// A target can have any number of modules made for it: beyond this the tables of further ones are not read.
+constexpr size_t max_kept_bytes = size_t{256} << 20;
 constexpr size_t row_bytes = 8;
 
 uint64_t page_of(uint64_t address)
@@ -174,6 +176,8 @@ frame_section module_table::debug_frames(const elf_module& owner)
 void module_table::index_frames(elf_module& owner, pid_t held_tid)
 {
     owner.indexed = true;
+    if (kept_bytes_ > max_kept_bytes)
+        return;
     const auto file = open_mapped_file(tid_, owner.header, owner.build_id);
     if (!file)
         return;
@@ -194,16 +198,20 @@ void module_table::index_frames(elf_module& owner, pid_t held_tid)
             return true;
         }};
     owner.frame_index = index_frame_section(copy, at, section->size);
+    kept_bytes_ += owner.frame_index.size() * sizeof(frame_index_entry);
 }
 
 void module_table::read_debug_frame(elf_module& owner)
 {
     owner.debug_frame_read = true;
+    if (kept_bytes_ > max_kept_bytes)
+        return;
     const auto file = open_mapped_file(tid_, owner.header, owner.build_id);
     if (!file)
         return;
     owner.debug_frame = file->section_bytes(".debug_frame");
     owner.debug_frame_index = index_frame_section(debug_frames(owner), 0, owner.debug_frame.size());
+    kept_bytes_ += owner.debug_frame.size() + owner.debug_frame_index.size() * sizeof(frame_index_entry);
 }
 
 std::optional<frame_entry> module_table::find_frame_entry(uint64_t pc, pid_t held_tid)

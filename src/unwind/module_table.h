@@ -64,4 +64,5 @@ private:
     target_maps& maps_;
     target_memory& memory_;
     std::vector<std::unique_ptr<elf_module>> modules_;
+    size_t kept_bytes_ = 0;  // of their indexes and sections
 };

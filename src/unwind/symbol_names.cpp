@@ -3,6 +3,12 @@
 
 #include "elf_file.h"
 
+namespace
+{
+// A target can have any number of modules made for it: beyond this further ones have no names.
+constexpr size_t max_kept_bytes = size_t{256} << 20;
+}  // namespace
+
 symbol_names::symbol_names(pid_t tid, target_memory& memory) : tid_(tid), memory_(memory) {}
 
 const symbol_name* symbol_names::find_known(uint64_t pc) const
@@ -39,8 +45,12 @@ const symbol_name* symbol_names::find(uint64_t pc, const elf_module* owner)
     symbol_name name;
     if (owner != nullptr) {
         auto& table = tables_[owner];
-        if (!table)
-            table = load(*owner);
+        if (!table) {
+            table = kept_bytes_ <= max_kept_bytes
+                        ? load(*owner)
+                        : std::make_unique<symbol_table>(std::make_unique<elf_file>());
+            kept_bytes_ += table->kept_bytes();
+        }
         name = table->find(pc - owner->load_bias);
     }
     std::unique_lock guard(names_lock_);

@@ -32,6 +32,7 @@ private:
     target_memory& memory_;
     std::mutex load_lock_;
     std::unordered_map<const elf_module*, std::unique_ptr<symbol_table>> tables_;
+    size_t kept_bytes_ = 0;  // of the tables
     mutable std::shared_mutex names_lock_;
     std::unordered_map<uint64_t, symbol_name> names_;
 };

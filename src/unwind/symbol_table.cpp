@@ -50,6 +50,14 @@ symbol_table::symbol_table(std::unique_ptr<elf_file> file)
     }
 }
 
+size_t symbol_table::kept_bytes() const
+{
+    size_t bytes = 0;
+    for (const source& one : sources_)
+        bytes += one.symbols.size() * sizeof(Elf64_Sym) + one.file->image_bytes();
+    return bytes;
+}
+
 void symbol_table::load(source& into, const elf_file::section& section)
 {
     const auto& sections = into.file->sections();

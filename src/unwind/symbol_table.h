@@ -26,6 +26,8 @@ public:
     // The symbol that covers an address of the file.
     symbol_name find(uint64_t address) const;
 
+    size_t kept_bytes() const;
+
 private:
     struct source {  // one symbol section
         std::unique_ptr<elf_file> file;
