@@ -408,11 +408,15 @@ TEST_F(server_mode, is_asked_by_the_example)
     };
     const string pid = to_string(idle.pid());
     const tool_run whole = run({pid, dir});
-    EXPECT_EQ(whole.out, "acknowledgement 0x51fd, status 0 (attached)\nreport: " + dir + "/" + pid +
-                             "-dumpstat-*.log\n");
+    const string attached = "acknowledgement 0x51fd, status 0 (attached)\n";
+    EXPECT_EQ(whole.out, attached + "report: " + reports_in(dir).at(0) + "\n");
     EXPECT_EQ(whole.status, 0);
     EXPECT_EQ(count_of(file_text(reports_in(dir).at(0)), "\nKernel Trace:\n"), thread_ids(idle.pid()).size())
         << "complete when the program has ended";
+
+    const tool_run none = run({pid, "/proc"});
+    EXPECT_EQ(none.out, attached);
+    EXPECT_EQ(WEXITSTATUS(none.status), 1);
 
     const tool_run foreign = run({pid, "1", dir});
     EXPECT_EQ(foreign.out, "acknowledgement 0x51fc, status -3 (no such thread)\n");

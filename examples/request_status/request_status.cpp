@@ -1,7 +1,8 @@
 // Asks a running dump server for a status report of a process, or of one of its threads.
 // usage: request_status PID [TID] [DIRECTORY]
 // The report is a new file in DIRECTORY (default: the current one), which is made before the program ends.
-// Exit status: 0 when the server held the target and has finished, 1 when not, 2 for wrong arguments.
+// Exit status: 0 when the server held the target and the report is there, 1 when not, 2 for wrong arguments.
+// In a directory that the caller may not list, nobody looks for the report.
 #include <errno.h>
 #include <limits.h>
 #include <sys/socket.h>
@@ -11,7 +12,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <optional>
+#include <set>
 #include <string>
+#include <system_error>
 
 #include "dumper_common.h"
 
@@ -38,6 +43,20 @@ string report_directory(const char* directory)
         return "";
     }
     return absolute;
+}
+
+// Status reports of a process in a directory; nothing when the directory cannot be listed.
+std::optional<std::set<string>> reports_of(pid_t pid, const string& directory)
+{
+    std::set<string> reports;
+    std::error_code error;
+    for (std::filesystem::directory_iterator at(directory, error), end; at != end && !error;
+         at.increment(error))
+        if (at->path().filename().string().starts_with(std::to_string(pid) + "-dumpstat-"))
+            reports.insert(at->path());
+    if (error)
+        return std::nullopt;
+    return reports;
 }
 
 int connect_to_server()
@@ -115,9 +134,20 @@ int main(int argc, char** argv)
         return 2;
     directory.copy(request.req_t.dump_path, directory.size());
 
+    const auto before = reports_of(pid, directory);
     const int fd = connect_to_server();
     if (fd < 0 || !exchange(fd, request))
         return 1;
-    printf("report: %s/%d-dumpstat-*.log\n", directory.c_str(), pid);
-    return 0;
+    const auto after = reports_of(pid, directory);
+    if (!before || !after) {
+        printf("report: %s/%d-dumpstat-*.log\n", directory.c_str(), pid);
+        return 0;
+    }
+    for (const string& path : *after)
+        if (!before->contains(path)) {
+            printf("report: %s\n", path.c_str());
+            return 0;
+        }
+    fprintf(stderr, "request_status: no report came, the server's log entries say why\n");
+    return 1;
 }
