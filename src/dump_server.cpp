@@ -8,7 +8,6 @@
 #include <poll.h>
 #include <signal.h>
 #include <string.h>
-#include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -33,6 +32,7 @@ constexpr useconds_t accept_pause_us = 100000;
 
 void dump_server_signal_handler(int signo, siginfo_t* info, [[maybe_unused]] void* p)
 {
+    const int saved_errno = errno;
     void* array[10];
     const int size = backtrace(array, 10);
     char** strings = backtrace_symbols(array, size);
@@ -40,7 +40,11 @@ void dump_server_signal_handler(int signo, siginfo_t* info, [[maybe_unused]] voi
     for (int i = 0; strings != nullptr && i < size; i++)
         __android_log_print(ANDROID_LOG_ERROR, "DumpServer", "==> [%d] %s\n", i, strings[i]);
     free(strings);
+    // A fault of its own ends the server as soon as this returns.
+    if (signo == SIGABRT || info->si_code > 0)
+        trace_gate::resume_frozen_process();
     signal(signo, SIG_DFL);
+    errno = saved_errno;
 }
 
 // Held while a request waits for the server's lock. The lock alone lets status requests pass a crash request
@@ -48,21 +52,13 @@ void dump_server_signal_handler(int signo, siginfo_t* info, [[maybe_unused]] voi
 std::mutex arrival;
 
 // Who is at the other end of a connection: unix(7), SO_PEERCRED, the credentials at the time of its connect.
-bool peer_of(int socket, ucred* peer)
+ucred peer_of(int socket)
 {
-    socklen_t length = sizeof(*peer);
-    return getsockopt(socket, SOL_SOCKET, SO_PEERCRED, peer, &length) == 0;
-}
-
-// The server's own user, root, and the owner of the target. A process that must not be dumped by its own user
-// (a set-uid program) belongs to root in /proc.
-bool may_ask(uid_t asker, pid_t target)
-{
-    if (asker == 0 || asker == geteuid())
-        return true;
-    const string path = "/proc/" + std::to_string(target);
-    struct stat owner;
-    return stat(path.c_str(), &owner) == 0 && owner.st_uid == asker;
+    constexpr auto no_id = static_cast<id_t>(-1);  // owns no process
+    ucred peer = {0, no_id, no_id};
+    socklen_t length = sizeof(peer);
+    (void)getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &length);
+    return peer;
 }
 
 // A status dump must not leave its process stopped, whoever stopped it.
@@ -202,19 +198,14 @@ int dumper_comm::handle_dump_req(int socket, char* buf, dump_server* service)
     auto acknowledge = [&] {
         socket_send_ack(socket, static_cast<uint16_t>(~cmd), reinterpret_cast<char*>(&ret), sizeof(ret));
     };
-    ucred peer = {0, static_cast<uid_t>(-1), static_cast<gid_t>(-1)};
-    auto refuse = [&] {
-        __android_log_print(ANDROID_LOG_WARN, "DumpServer", "User %d may not ask for a dump of pid %d\n",
-                            static_cast<int>(peer.uid), pid);
+    const ucred peer = peer_of(socket);
+    if (peer.uid != 0 && peer.uid != geteuid())
+        dp.set_asker(peer.uid, peer.gid);
+    if (!dp.may_be_shown()) {
         ret = -1;
-    };
-    if (!peer_of(socket, &peer) || !may_ask(peer.uid, pid)) {
-        refuse();
         acknowledge();
         return ret;
     }
-    if (peer.uid != 0 && peer.uid != geteuid())
-        dp.set_report_owner(peer.uid, peer.gid);
 
     {
         const std::lock_guard<std::mutex> next_in_turn(arrival);
@@ -226,9 +217,9 @@ int dumper_comm::handle_dump_req(int socket, char* buf, dump_server* service)
     const pid_t thread = cmd == CMD_PROCESS_STAT ? pid : tid;
     ret = dp.attach_thread(thread);
     // While the request waited its turn, the number may have gone to a process of somebody else.
-    if (ret == 0 && !may_ask(peer.uid, pid)) {
+    if (ret == 0 && !dp.may_be_shown()) {
         dp.release_attached_thread(thread);
-        refuse();
+        ret = -1;
     }
     acknowledge();
     if (ret < 0) {

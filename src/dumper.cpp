@@ -6,10 +6,14 @@
 #include <fcntl.h>
 #include <string.h>
 #include <sys/fsuid.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
+
+#include <algorithm>
+#include <optional>
 
 #include "system_log.h"
 
@@ -26,32 +30,30 @@ constexpr size_t report_buffer_size = size_t{64} * 1024;
 // File system rights of another user for the calling thread, while in scope: setfsuid(2), credentials(7).
 class rights_of
 {
-    bool changed;
-    gid_t saved_groups[64];
-    long saved_count = 0;
+    std::vector<gid_t> saved_groups;
+    bool taken;
 
 public:
-    rights_of(uid_t uid, gid_t gid) : changed(uid != static_cast<uid_t>(-1))
+    rights_of(uid_t uid, gid_t gid) : saved_groups(static_cast<size_t>(std::max(getgroups(0, nullptr), 0)))
     {
-        if (!changed)
-            return;
         // The raw call changes this thread alone; the library's changes the whole process.
-        saved_count = syscall(SYS_getgroups, 64, saved_groups);
-        (void)syscall(SYS_setgroups, 0, nullptr);
+        (void)!getgroups(static_cast<int>(saved_groups.size()), saved_groups.data());
+        const bool no_groups = syscall(SYS_setgroups, 0, nullptr) == 0;
         setfsgid(gid);
         setfsuid(uid);
+        constexpr auto ask_only = static_cast<uid_t>(-1);  // the calls report no failure
+        taken = no_groups && setfsuid(ask_only) == static_cast<int>(uid) &&
+                setfsgid(ask_only) == static_cast<int>(gid);
     }
     ~rights_of()
     {
-        if (!changed)
-            return;
         const int saved_errno = errno;
         setfsuid(geteuid());
         setfsgid(getegid());
-        if (saved_count > 0)
-            (void)syscall(SYS_setgroups, saved_count, saved_groups);
+        (void)syscall(SYS_setgroups, saved_groups.size(), saved_groups.data());
         errno = saved_errno;
     }
+    explicit operator bool() const { return taken; }
     rights_of(const rights_of&) = delete;
     rights_of& operator=(const rights_of&) = delete;
 };
@@ -95,10 +97,21 @@ dumper::~dumper()
     }
 }
 
-void dumper::set_report_owner(uid_t uid, gid_t gid)
+void dumper::set_asker(uid_t uid, gid_t gid)
 {
-    report_uid = uid;
-    report_gid = gid;
+    asker = {uid, gid};
+}
+
+bool dumper::may_be_shown()
+{
+    struct stat owner;
+    // The folder itself belongs to the process's user in any case.
+    const string path = "/proc/" + std::to_string(pid) + "/stat";
+    if (!asker || (stat(path.c_str(), &owner) == 0 && owner.st_uid == asker->uid))
+        return true;
+    __android_log_print(ANDROID_LOG_WARN, "DumpServer", "User %d may not ask for a dump of pid %d\n",
+                        static_cast<int>(asker->uid), pid);
+    return false;
 }
 
 void dumper::use_report(FILE* report)
@@ -185,11 +198,15 @@ int dumper::dump_file_create(const char* dump_dir)
 
 FILE* dumper::create_report_file(const string& path)
 {
-    int fd;
+    int fd = -1;
     {
-        const rights_of asker(report_uid, report_gid);
+        std::optional<rights_of> rights;
+        if (asker)
+            rights.emplace(asker->uid, asker->gid);
         constexpr int new_file_only = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-        fd = static_cast<int>(TEMP_FAILURE_RETRY(open(path.c_str(), new_file_only, 0640)));
+        errno = EPERM;
+        if (!rights || *rights)
+            fd = static_cast<int>(TEMP_FAILURE_RETRY(open(path.c_str(), new_file_only, 0640)));
     }
     if (fd < 0)
         return nullptr;

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -77,8 +78,13 @@ public:
     int dump_process_crash();
 
     void set_mode(int mode) { dump_mode = mode; }
-    // Report files are opened with this user's rights and belong to them: they go where the asker may write.
-    void set_report_owner(uid_t uid, gid_t gid);
+    // Who asks, when that is neither root nor the server's own user. Reports show only processes of theirs,
+    // are opened with their rights and belong to them: they go where the asker may write.
+    void set_asker(uid_t uid, gid_t gid);
+    // Whether the process is the asker's now: it may have been replaced, or have replaced its program. One
+    // that its own user may not trace (a set-uid program; prctl(2), PR_SET_DUMPABLE) belongs to root in
+    // /proc. A refusal is logged.
+    bool may_be_shown();
 
 private:
     friend struct dumper_test;
@@ -105,7 +111,7 @@ private:
     int thread_exist(pid_t target_tid);
     // The same, and gives what it read to find out.
     int thread_exist(pid_t target_tid, command_line& cmdline);
-    // Like attach_thread, for a thread that was there just now: asks whether it is only when ptrace refuses.
+    // Like attach_thread, for a thread that was there just now: asks whether it is after ptrace(2) did.
     int attach_seen_thread(pid_t target_tid);
     // Waits one to two seconds for the stop of an attached thread. Returns the signal that stopped it, or -1:
     // then the thread is released or gone, or still traced when *detach_failed was set.
@@ -117,8 +123,8 @@ private:
     // Last try for a thread that a detach did not release: false when it cannot be brought to a stop.
     bool rescue_thread(pid_t target_tid);
     // A thread other than the lead that replaces the program takes the lead's number, and stays our tracee
-    // under it: releases this tool thread's tracee, whatever it is called now.
-    void release_after_exec();
+    // under it: releases this tool thread's tracee, whatever it is called now. False when it is still held.
+    bool release_after_exec();
 
     // What a held thread shows, its kernel stack, the memory map: dumper_capture.cpp
     // What both sections need of a held thread, so that they can be written after its release. False when it
@@ -157,9 +163,11 @@ private:
     int dump_signal_info(int signo);
     int crash_file_create(const char* dump_dir);
 
-    static constexpr uid_t no_owner = static_cast<uid_t>(-1);
-    uid_t report_uid = no_owner;  // whose rights and whose files reports are; the tool's own when no_owner
-    gid_t report_gid = 0;
+    struct user {
+        uid_t uid;
+        gid_t gid;
+    };
+    std::optional<user> asker;              // none: the tool's own user
     std::unique_ptr<char[]> report_buffer;  // fdump's
 };
 

@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <optional>
 
 #include "dumper.h"
 #include "system_log.h"
@@ -26,39 +27,46 @@ using namespace std::chrono_literals;
 namespace
 {
 constexpr auto rescue_limit = 100ms;
+constexpr auto exec_limit = 2000ms;  // an execve may have to fetch the new program
 constexpr auto reap_limit = 1000ms;
 
-// A number of /proc/<pid>/task/<tid>/status, e.g. "TracerPid"; -1 when the thread or the line is not there.
-long long status_number(pid_t pid, pid_t tid, const char* key, int base)
+bool is_thread_of(pid_t pid, pid_t tid)
 {
     char path[64];
-    snprintf(path, sizeof(path), "/proc/%d/task/%d/status", pid, tid);
+    snprintf(path, sizeof(path), "/proc/%d/task/%d", pid, tid);
+    return access(path, F_OK) == 0;
+}
+
+// A number of /proc/<tid>/status, e.g. "TracerPid".
+std::optional<uint64_t> status_number(pid_t tid, const char* key, int base)
+{
+    char path[64];
+    snprintf(path, sizeof(path), "/proc/%d/task/%d/status", tid, tid);  // /proc/<tid> shows the lead thread
     FILE* file = fopen(path, "re");
     if (file == nullptr)
-        return -1;
+        return std::nullopt;
     const size_t key_length = strlen(key);
-    long long number = -1;
+    std::optional<uint64_t> number;
     char line[256];
-    while (number == -1 && fgets(line, sizeof(line), file) != nullptr)
+    while (!number && fgets(line, sizeof(line), file) != nullptr)
         if (strncmp(line, key, key_length) == 0 && line[key_length] == ':')
-            number = strtoll(line + key_length + 1, nullptr, base);
+            number = strtoull(line + key_length + 1, nullptr, base);
     fclose(file);
     return number;
 }
 
-bool stop_signal_pending(pid_t pid, pid_t tid)
+bool stop_signal_pending(pid_t tid)
 {
-    const long long pending = status_number(pid, tid, "SigPnd", 16);
-    return pending != -1 && (pending >> (SIGSTOP - 1) & 1);
+    return (status_number(tid, "SigPnd", 16).value_or(0) >> (SIGSTOP - 1) & 1) != 0;
 }
 
 // Dead, or on its way through exit: it will never stop again. Flags: PF_EXITING of the kernel's sched.h,
 // field 9 of proc_pid_stat(5).
-bool is_ending(pid_t pid, pid_t tid)
+bool is_ending(pid_t tid)
 {
     char stat[512] = "";
-    if (!sys_stat::get_process_stat(stat, sizeof(stat), pid, static_cast<uint32_t>(tid)))
-        return true;
+    if (!sys_stat::get_process_stat(stat, sizeof(stat), tid, static_cast<uint32_t>(tid)))
+        return syscall(SYS_tkill, tid, 0) == -1 && errno == ESRCH;  // not for want of a descriptor
     const char* behind_name = strrchr(stat, ')');
     char state = '\0';
     unsigned flags = 0;
@@ -73,7 +81,7 @@ bool is_exec_trap(pid_t tid, int sig)
 {
     siginfo_t info = {};
     return sig == SIGTRAP && ptrace(PTRACE_GETSIGINFO, tid, 0, &info) == 0 && info.si_code == SI_USER &&
-           info.si_pid == status_number(tid, tid, "Tgid", 10);
+           status_number(tid, "Tgid", 10) == static_cast<uint64_t>(info.si_pid);
 }
 
 // A process that Ctrl-Z has stopped reports that signal at an attach, but nothing arrives in it: there is no
@@ -94,9 +102,9 @@ void send_to_tracee(pid_t tid, int sig)
 
 // Releases a tracee in its stop, or lets it run to the SIGSTOP that is still pending and would stop it after
 // its release: false.
-bool release_or_run_to_stop(pid_t pid, pid_t tid, int sig)
+bool release_or_run_to_stop(pid_t tid, int sig)
 {
-    const bool once_more = stop_signal_pending(pid, tid);
+    const bool once_more = stop_signal_pending(tid);
     const int handed_back = sig == SIGSTOP || is_exec_trap(tid, sig) ? 0 : sig;
     return ptrace(once_more ? PTRACE_CONT : PTRACE_DETACH, tid, 0, handed_back) == 0 && !once_more;
 }
@@ -161,8 +169,15 @@ int dumper::attach_thread(pid_t target_tid)
 int dumper::attach_seen_thread(pid_t target_tid)
 {
     trace_gate::begin_attach();
-    if (ptrace(PTRACE_ATTACH, target_tid, 0, 0) == 0)
-        return 0;
+    if (ptrace(PTRACE_ATTACH, target_tid, 0, 0) == 0) {
+        // A turn to attach can take seconds to come, in which the number may have gone to another process.
+        // It stays where it is from now on.
+        if (is_thread_of(pid, target_tid))
+            return 0;
+        release_attached_thread(target_tid);
+        (void)thread_exist(target_tid);  // says so
+        return -3;
+    }
     const int error = errno;
     trace_gate::released();
     const int missing = thread_exist(target_tid);
@@ -201,9 +216,9 @@ int dumper::wait_for_sigstop(bool* detach_failed, pid_t target_tid)
             continue;
         }
         if (WIFSTOPPED(status)) {
-            trace_gate::stop_seen();
-            const int sig = WSTOPSIG(status);
-            return is_group_stop(target_tid, sig) ? SIGSTOP : sig;
+            const int sig = is_group_stop(target_tid, WSTOPSIG(status)) ? SIGSTOP : WSTOPSIG(status);
+            trace_gate::stop_seen(sig);
+            return sig;
         }
         __android_log_print(ANDROID_LOG_INFO, "Dumper", "Unexpected waitpid response: pid=%d, status=%08x\n",
                             target_tid, static_cast<unsigned>(status));
@@ -252,7 +267,7 @@ int dumper::detach_thread(pid_t target_tid)
     int status = 0;
     const bool reaped = waitpid(target_tid, &status, __WALL | WNOHANG) == target_tid && !WIFSTOPPED(status);
     if (!reaped) {
-        if (!is_ending(pid, target_tid) && thread_exist(target_tid) == 0)
+        if (!is_ending(target_tid))
             return -1;
         reap_ending_thread(target_tid);
     }
@@ -275,42 +290,44 @@ bool dumper::rescue_thread(pid_t target_tid)
 {
     if (target_tid == -1)
         target_tid = tid;
-    if (status_number(pid, target_tid, "TracerPid", 10) != gettid()) {
-        release_after_exec();
-        return true;  // gone, or released before
-    }
+    if (status_number(target_tid, "TracerPid", 10) != static_cast<uint64_t>(gettid()))
+        return release_after_exec();
 
+    trace_gate::stop_sent();
     send_to_tracee(target_tid, SIGSTOP);
     for (const time_limit limit(rescue_limit); !limit.passed();) {
         int status = 0;
         const auto waited =
             static_cast<pid_t>(TEMP_FAILURE_RETRY(waitpid(target_tid, &status, __WALL | WNOHANG)));
-        if (waited == -1 || (waited == target_tid && !WIFSTOPPED(status)))
+        if (waited == -1)
+            return release_after_exec();
+        if (waited == target_tid && !WIFSTOPPED(status))
             return true;  // it died, and is reaped now
-        if (waited == target_tid && release_or_run_to_stop(pid, target_tid, WSTOPSIG(status))) {
+        if (waited == target_tid && release_or_run_to_stop(target_tid, WSTOPSIG(status))) {
             __android_log_print(ANDROID_LOG_WARN, "Dumper", "Tid %d did not stop in time, released later\n",
                                 target_tid);
             return true;
         }
         sched_yield();
     }
-    if (!is_ending(pid, target_tid))
+    if (!is_ending(target_tid))
         return false;
     reap_ending_thread(target_tid);
     return true;
 }
 
-void dumper::release_after_exec()
+bool dumper::release_after_exec()
 {
-    for (const time_limit limit(rescue_limit); !limit.passed();) {
+    for (const time_limit limit(exec_limit); !limit.passed();) {
         siginfo_t stop = {};
         constexpr int stops_of_own_tracees = WSTOPPED | WNOHANG | __WALL | __WNOTHREAD;
         if (TEMP_FAILURE_RETRY(waitid(P_ALL, 0, &stop, stops_of_own_tracees)) != 0)
-            return;  // no tracee
-        if (stop.si_code == CLD_TRAPPED && release_or_run_to_stop(stop.si_pid, stop.si_pid, stop.si_status))
-            return;
+            return true;  // no tracee
+        if (stop.si_code == CLD_TRAPPED && release_or_run_to_stop(stop.si_pid, stop.si_status))
+            return true;
         sched_yield();
     }
+    return false;
 }
 
 void dumper::release_attached_thread(pid_t target_tid)
@@ -327,10 +344,10 @@ void dumper::release_attached_thread(pid_t target_tid)
         __android_log_print(ANDROID_LOG_ERROR, "Dumper",
                             "Dump_server(dump_thread_stats:%d-%d) kill itself to free the zombie!\n", pid,
                             tid);
-        trace_gate::end_tool(pid);
+        trace_gate::end_tool(target_tid);
     }
     if (sig > 0 && sig != SIGSTOP)
-        trace_gate::resume_process(pid);  // the SIGSTOP of the attach is still on its way
+        trace_gate::resume_process(target_tid);  // its process, which need not be the job's
 }
 
 bool dumper::still_traced(pid_t target_tid)

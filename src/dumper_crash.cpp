@@ -61,7 +61,8 @@ int dumper::dump_process_crash()
             __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Ptrace continue failed: %s\n", strerror(errno));
     }
 
-    if (is_crash_signal(signal)) {
+    // It has run on since the request, perhaps into a program that is not the asker's.
+    if (is_crash_signal(signal) && may_be_shown()) {
         trace_gate::freeze_process(pid);
         ret = crash_dump(signal, &detach_failed);
         if (ret != 0)

@@ -66,7 +66,8 @@ connection connect_as_other_user()
 }
 
 struct others_process : target {
-    others_process() : target({"as_user", to_string(other_user), build_dir() + "/tests/targets/threads", "1"})
+    explicit others_process(const string& program = "threads", const string& argument = "1")
+        : target({"as_user", to_string(other_user), build_dir() + "/tests/targets/" + program, argument})
     {
     }
 };
@@ -205,7 +206,7 @@ TEST_F(server_mode, writes_no_crash_report_for_a_process_that_does_not_crash)
 {
     for (const auto& [signo, logged] : {std::pair{0, "Wait for sigstop timeout"},
                                         {SIGTERM, "Process stopped due to unexpected signal 15\n"}}) {
-        target healthy({"threads", "3"});
+        target healthy({"odd", "healthy"});
         const connection link;
         EXPECT_EQ(link.request(of(healthy, CMD_CRASH_DUMP)), 0);
         tgkill(healthy.pid(), healthy.pid(), signo);  // to the thread that the server follows
@@ -280,17 +281,13 @@ TEST_F(server_mode, lets_other_users_ask_only_for_processes_of_their_own)
     EXPECT_EQ(reports_in(dir).size(), 1u);
 }
 
+// That is how /proc shows a process that its own user may not trace.
 TEST_F(server_mode, refuses_a_process_that_became_roots_while_the_request_waited)
 {
     const held_target held;
     const connection first;
     ASSERT_EQ(first.request(of(held, CMD_THREAD_STAT)), 0);
-    const target theirs({"odd", "two users"});
-    const auto change_user = [&theirs] {
-        kill(theirs.pid(), SIGUSR1);
-        EXPECT_EQ(theirs.read_output(1), "u");
-    };
-    change_user();
+    const others_process theirs("odd", "two users");
     const connection link = connect_as_other_user();
     ASSERT_TRUE(link.send_request(of(theirs.pid(), CMD_CRASH_DUMP, "/tmp")));
     EXPECT_TRUE(eventually([this] {
@@ -298,12 +295,26 @@ TEST_F(server_mode, refuses_a_process_that_became_roots_while_the_request_waited
         const string task = "/proc/" + to_string(daemon.pid()) + "/task/" + to_string(tids.back());
         return tids.size() == 4 && file_text(task + "/syscall").starts_with(to_string(SYS_futex) + " ");
     })) << "the request does not wait";
-    change_user();
+    kill(theirs.pid(), SIGUSR1);
+    EXPECT_EQ(theirs.read_output(1), "u");
     held.wake();
     EXPECT_EQ(link.acknowledgement(), -1);
     EXPECT_TRUE(link.closed_by_server());
     EXPECT_EQ(count_of(daemon.log_since(0), "W DumpServer: User 65534 may not ask"), 1u);
     EXPECT_TRUE(theirs.runs_untraced());
+}
+
+TEST_F(server_mode, shows_no_crash_of_a_process_that_became_roots_after_the_request)
+{
+    others_process theirs("odd", "two users");
+    const connection link = connect_as_other_user();
+    ASSERT_EQ(link.request(of(theirs.pid(), CMD_CRASH_DUMP, "/tmp")), 0);
+    std::ofstream("/tmp/two users");
+    EXPECT_TRUE(theirs.dies_by(SIGABRT));
+    EXPECT_TRUE(link.finish());
+    unlink("/tmp/two users");
+    EXPECT_EQ(count_of(daemon.log_since(0), "W DumpServer: User 65534 may not ask"), 1u);
+    EXPECT_TRUE(reports_in("/tmp", "crashdump").empty());
 }
 
 TEST_F(server_mode, ends_a_request_whose_target_is_killed)

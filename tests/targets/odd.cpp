@@ -2,13 +2,15 @@
 //
 // usage: odd NAME | --churn
 //
-// Under a name it waits; SIGUSR1 makes it another user's, and root's again, and it says so. With --churn
-// threads are born and die all the time.
+// Under a name it waits. SIGUSR1 makes it one that its user may not trace, and it says so. With a file
+// /tmp/<NAME> there, it becomes one and aborts. The last signal of all is pending. With --churn threads are
+// born and die all the time.
 #include <pthread.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <string>
 
 namespace
@@ -18,9 +20,9 @@ void say(const char* text)
     (void)!write(STDOUT_FILENO, text, 1);
 }
 
-void change_user(int)
+void become_untraceable(int)
 {
-    (void)!seteuid(geteuid() == 0 ? 65534 : 0);
+    prctl(PR_SET_DUMPABLE, 0);
     say("u");
 }
 
@@ -51,9 +53,16 @@ int main(int, char** argv)
     setpgid(0, 0);  // not a group of orphans, which Ctrl-Z would not stop
     if (std::string(argv[1]) == "--churn")
         churn();
-    signal(SIGUSR1, change_user);
+    signal(SIGUSR1, become_untraceable);
+    sigset_t last;
+    sigemptyset(&last);
+    sigaddset(&last, SIGRTMAX);
+    sigprocmask(SIG_BLOCK, &last, nullptr);
+    raise(SIGRTMAX);
     prctl(PR_SET_NAME, argv[1]);
     say("r");
-    for (;;)
-        pause();
+    while (access(("/tmp/" + std::string(argv[1])).c_str(), F_OK) != 0)
+        usleep(10000);
+    become_untraceable(SIGUSR1);
+    abort();
 }
