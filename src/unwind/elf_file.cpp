@@ -17,7 +17,10 @@ namespace
 {
 
 constexpr uint64_t max_section_bytes =
-    256u << 20;  // the biggest programs known have some 100 MiB of call-frame tables
+    256u << 20;                          // the biggest programs known have some 100 MiB of call-frame tables
+constexpr unsigned max_sections = 1024;  // linked files have some 40
+constexpr uint64_t max_section_names_bytes = 1u << 20;
+constexpr size_t max_section_name = 64;
 
 constexpr size_t max_unpacked_bytes = 64u << 20;  // MiniDebugInfo of the biggest programs takes a few MiB
 constexpr uint64_t max_unpacker_bytes = 128u << 20;
@@ -88,7 +91,7 @@ bool elf_file::open_descriptor(int fd)
 {
     fd_ = fd;
     elf_version(EV_CURRENT);
-    elf_ = elf_begin(fd, ELF_C_READ, nullptr);
+    elf_ = has_few_sections() ? elf_begin(fd, ELF_C_READ, nullptr) : nullptr;
     return read_sections();
 }
 
@@ -103,8 +106,15 @@ bool elf_file::open_image(std::vector<char> image)
 {
     image_ = std::move(image);
     elf_version(EV_CURRENT);
-    elf_ = elf_memory(image_.data(), image_.size());
+    elf_ = has_few_sections() ? elf_memory(image_.data(), image_.size()) : nullptr;
     return read_sections();
+}
+
+bool elf_file::has_few_sections() const
+{
+    Elf64_Ehdr header;
+    return read(0, &header, sizeof(header)) == sizeof(header) && header.e_shnum <= max_sections &&
+           (header.e_shnum > 0 || header.e_shoff == 0);  // else their number stands elsewhere: elf(5)
 }
 
 bool elf_file::read_sections()
@@ -112,7 +122,9 @@ bool elf_file::read_sections()
     if (elf_ == nullptr || elf_kind(elf_) != ELF_K_ELF || gelf_getclass(elf_) != ELFCLASS64)
         return false;
     size_t names = 0;
-    if (elf_getshdrstrndx(elf_, &names) != 0)
+    GElf_Shdr table;
+    if (elf_getshdrstrndx(elf_, &names) != 0 || gelf_getshdr(elf_getscn(elf_, names), &table) == nullptr ||
+        table.sh_size > max_section_names_bytes)
         return true;
     sections_.emplace_back();
     Elf_Scn* next = nullptr;
@@ -121,8 +133,9 @@ bool elf_file::read_sections()
         if (gelf_getshdr(next, &header) == nullptr)
             break;
         const char* name = elf_strptr(elf_, names, header.sh_name);
-        sections_.push_back({name != nullptr ? name : "", header.sh_type, header.sh_flags, header.sh_addr,
-                             header.sh_offset, header.sh_size, header.sh_link});
+        sections_.push_back({name != nullptr ? std::string(name, strnlen(name, max_section_name)) : "",
+                             header.sh_type, header.sh_flags, header.sh_addr, header.sh_offset,
+                             header.sh_size, header.sh_link});
     }
     return true;
 }
@@ -163,14 +176,17 @@ std::vector<uint8_t> elf_file::section_bytes(const char* name) const
     const section* wanted = find_section(name);
     if (wanted == nullptr || wanted->type == SHT_NOBITS || wanted->size > max_section_bytes)
         return {};
-    Elf_Scn* source = elf_getscn(elf_, static_cast<size_t>(wanted - sections_.data()));
-    if ((wanted->flags & SHF_COMPRESSED) != 0) {
-        GElf_Chdr compressed;
-        if (gelf_getchdr(source, &compressed) == nullptr || compressed.ch_size > max_section_bytes)
+    if ((wanted->flags & SHF_COMPRESSED) == 0) {
+        std::vector<uint8_t> bytes(wanted->size);
+        if (read(wanted->offset, bytes.data(), bytes.size()) != bytes.size())
             return {};
-        if (elf_compress(source, 0, 0) < 0)
-            return {};
+        return bytes;
     }
+    Elf_Scn* source = elf_getscn(elf_, static_cast<size_t>(wanted - sections_.data()));
+    GElf_Chdr compressed;
+    if (gelf_getchdr(source, &compressed) == nullptr || compressed.ch_size > max_section_bytes ||
+        elf_compress(source, 0, 0) < 0)
+        return {};
     const Elf_Data* data = elf_getdata(source, nullptr);
     if (data == nullptr || data->d_buf == nullptr)
         return {};
@@ -185,9 +201,10 @@ std::string elf_file::build_id() const
 
 std::unique_ptr<elf_file> elf_file::open_mini_debug_info() const
 {
-    const std::vector<uint8_t> packed = section_bytes(".gnu_debugdata");
-    if (packed.empty())
+    const section* holder = find_section(".gnu_debugdata");
+    if (holder == nullptr || (holder->flags & SHF_COMPRESSED) != 0 || holder->size > max_unpacked_bytes)
         return nullptr;
+    const std::vector<uint8_t> packed = section_bytes(".gnu_debugdata");
     auto unpacked = std::make_unique<elf_file>();
     return unpacked->open_image(unpack_xz(packed)) ? std::move(unpacked) : nullptr;
 }

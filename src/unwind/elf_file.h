@@ -58,6 +58,8 @@ public:
     std::unique_ptr<elf_file> open_mini_debug_info() const;
 
 private:
+    // Asked before libelf, which reserves memory for as many as a file claims to have.
+    bool has_few_sections() const;
     bool read_sections();
 
     Elf* elf_ = nullptr;

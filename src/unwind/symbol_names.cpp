@@ -5,8 +5,9 @@
 
 namespace
 {
-// A target can have any number of modules made for it: beyond this further ones have no names.
+// A target can have any number of modules made for it: beyond these limits further ones have no names.
 constexpr size_t max_kept_bytes = size_t{256} << 20;
+constexpr size_t max_tables = 400;  // each keeps its file open
 }  // namespace
 
 symbol_names::symbol_names(pid_t tid, target_memory& memory) : tid_(tid), memory_(memory) {}
@@ -46,9 +47,8 @@ const symbol_name* symbol_names::find(uint64_t pc, const elf_module* owner)
     if (owner != nullptr) {
         auto& table = tables_[owner];
         if (!table) {
-            table = kept_bytes_ <= max_kept_bytes
-                        ? load(*owner)
-                        : std::make_unique<symbol_table>(std::make_unique<elf_file>());
+            const bool has_room = kept_bytes_ <= max_kept_bytes && tables_.size() <= max_tables;
+            table = has_room ? load(*owner) : std::make_unique<symbol_table>(std::make_unique<elf_file>());
             kept_bytes_ += table->kept_bytes();
         }
         name = table->find(pc - owner->load_bias);
