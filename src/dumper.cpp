@@ -4,6 +4,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <stdio_ext.h>
 #include <string.h>
 #include <sys/fsuid.h>
 #include <sys/stat.h>
@@ -104,14 +105,23 @@ void dumper::set_asker(uid_t uid, gid_t gid)
 
 bool dumper::may_be_shown()
 {
+    // The folder itself belongs to the process's user in any case; that of a process that has ended, to root.
     struct stat owner;
-    // The folder itself belongs to the process's user in any case.
     const string path = "/proc/" + std::to_string(pid) + "/stat";
-    if (!asker || (stat(path.c_str(), &owner) == 0 && owner.st_uid == asker->uid))
+    if (!asker || stat(path.c_str(), &owner) != 0 || owner.st_uid == asker->uid || process_exist(-1) != 0)
         return true;
     __android_log_print(ANDROID_LOG_WARN, "DumpServer", "User %d may not ask for a dump of pid %d\n",
                         static_cast<int>(asker->uid), pid);
     return false;
+}
+
+void dumper::drop_report()
+{
+    if (fdump == nullptr)
+        return;
+    __fpurge(fdump);
+    (void)!ftruncate(fileno(fdump), 0);
+    rewind(fdump);
 }
 
 void dumper::use_report(FILE* report)

@@ -83,7 +83,7 @@ public:
     void set_asker(uid_t uid, gid_t gid);
     // Whether the process is the asker's now: it may have been replaced, or have replaced its program. One
     // that its own user may not trace (a set-uid program; prctl(2), PR_SET_DUMPABLE) belongs to root in
-    // /proc. A refusal is logged.
+    // /proc. A refusal is logged. True when it has ended: there is nothing to see.
     bool may_be_shown();
 
 private:
@@ -102,6 +102,7 @@ private:
         __attribute__((format(printf, 4, 0)));
     void copy_to_system_log(bool tomerx, const char* text);
     void use_report(FILE* report);
+    void drop_report();  // what was written of it is not the asker's to see
     int dump_file_create(const char* dump_dir);
     // A new file, never through a link and never over an existing one. Null with errno set.
     FILE* create_report_file(const std::string& path);

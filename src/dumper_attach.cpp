@@ -332,6 +332,9 @@ bool dumper::release_after_exec()
 
 void dumper::release_attached_thread(pid_t target_tid)
 {
+    // Not the job's when the number has gone to another process. An execve keeps it.
+    const auto owner =
+        static_cast<pid_t>(status_number(target_tid, "Tgid", 10).value_or(static_cast<uint64_t>(pid)));
     bool detach_failed = false;
     const int sig = wait_for_sigstop(&detach_failed, target_tid);
     if (sig != SIGSTOP) {
@@ -344,10 +347,10 @@ void dumper::release_attached_thread(pid_t target_tid)
         __android_log_print(ANDROID_LOG_ERROR, "Dumper",
                             "Dump_server(dump_thread_stats:%d-%d) kill itself to free the zombie!\n", pid,
                             tid);
-        trace_gate::end_tool(target_tid);
+        trace_gate::end_tool(owner);
     }
     if (sig > 0 && sig != SIGSTOP)
-        trace_gate::resume_process(target_tid);  // its process, which need not be the job's
+        trace_gate::resume_process(owner);
 }
 
 bool dumper::still_traced(pid_t target_tid)

@@ -61,8 +61,7 @@ int dumper::dump_process_crash()
             __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Ptrace continue failed: %s\n", strerror(errno));
     }
 
-    // It has run on since the request, perhaps into a program that is not the asker's.
-    if (is_crash_signal(signal) && may_be_shown()) {
+    if (is_crash_signal(signal)) {
         trace_gate::freeze_process(pid);
         ret = crash_dump(signal, &detach_failed);
         if (ret != 0)
@@ -110,6 +109,8 @@ int dumper::dump_process_crash()
 
 int dumper::crash_dump(int signo, bool* detach_failed)
 {
+    if (!may_be_shown())
+        return -3;
     int ret = crash_file_create(dump_path.c_str());
     if (ret != 0) {
         __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Create crash file failed:%d\n", ret);
@@ -137,6 +138,10 @@ int dumper::dump_crash_thread(int signo, [[maybe_unused]] bool* detach_failed)
         dump_signal_info(signo);
     thread_snapshot snapshot;
     take_snapshot(snapshot, -1);
+    if (!may_be_shown()) {  // other threads run on until now, perhaps into a program that is not the asker's
+        drop_report();
+        return -3;
+    }
     const int r = dump_registers(nullptr, snapshot);
     if (r < 0) {
         __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Dump register failed:%d, pid=%d, tid=%d\n", r, pid,

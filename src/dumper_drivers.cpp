@@ -3,7 +3,6 @@
 // as a whole.
 #include <dirent.h>
 #include <signal.h>
-#include <stdio_ext.h>
 #include <string.h>
 
 #include <cstdlib>
@@ -117,10 +116,6 @@ int dumper::dump_thread(pid_t target_tid, bool tid_attached, stringstream* ss)
     bool captured = false;
     thread_snapshot snapshot;
     const int sig = wait_for_sigstop(&detach_failed, target_tid);
-    // Until its stop the thread that the server attached has run on, as in a crash dump.
-    const bool refused = tid_attached && !may_be_shown();
-    if (refused && fdump != nullptr)
-        __fpurge(fdump);
     if (sig != SIGSTOP) {
         __android_log_print(ANDROID_LOG_ERROR, "Dumper", "Wait for sigstop failed:%d, pid=%d, tid=%d\n", sig,
                             pid, target_tid);
@@ -128,7 +123,7 @@ int dumper::dump_thread(pid_t target_tid, bool tid_attached, stringstream* ss)
             send_signal_back(target_tid, sig);
             sent_back = true;
         }
-    } else if (has_info && !refused) {
+    } else if (has_info) {
         captured = take_snapshot(snapshot, target_tid);
         if (!captured) {
             ret = dump_registers(ss, snapshot);
@@ -136,6 +131,9 @@ int dumper::dump_thread(pid_t target_tid, bool tid_attached, stringstream* ss)
                                 pid, target_tid);
         }
     }
+
+    // Until now the process has run on, perhaps into a program that is not the asker's.
+    const bool refused = !may_be_shown();
 
     if (!release_thread(detach_failed, target_tid)) {
         __android_log_print(ANDROID_LOG_ERROR, "Dumper",
@@ -147,8 +145,13 @@ int dumper::dump_thread(pid_t target_tid, bool tid_attached, stringstream* ss)
         __android_log_print(ANDROID_LOG_INFO, "Dumper", "Unexcept signal:%d..continue\n", sig);
         trace_gate::resume_process(pid);
     }
-    if (refused)
+    if (refused) {
+        if (ss != nullptr)
+            ss->str("");
+        else
+            drop_report();
         return -3;
+    }
     if (captured) {
         dump_registers(ss, snapshot);
         ret = dump_backtrace(ss, snapshot);

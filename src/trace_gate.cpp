@@ -132,7 +132,10 @@ void trace_gate::begin_attach()
 
 void trace_gate::stop_sent()
 {
-    claim(attaching);
+    if (owing)
+        attaching = true;  // no signal can be ending the tool
+    else
+        claim(attaching);
 }
 
 void trace_gate::stop_seen(int signo)
