@@ -174,8 +174,12 @@ size_t elf_file::read(uint64_t offset, void* to, size_t size) const
 std::vector<uint8_t> elf_file::section_bytes(const char* name) const
 {
     const section* wanted = find_section(name);
-    if (wanted == nullptr || wanted->type == SHT_NOBITS || wanted->size > max_section_bytes)
+    if (wanted == nullptr || wanted->type == SHT_NOBITS || wanted->size == 0 ||
+        wanted->size > max_section_bytes)
         return {};
+    char last;
+    if (read(wanted->offset + wanted->size - 1, &last, 1) != 1)
+        return {};  // claims more than the file has
     if ((wanted->flags & SHF_COMPRESSED) == 0) {
         std::vector<uint8_t> bytes(wanted->size);
         if (read(wanted->offset, bytes.data(), bytes.size()) != bytes.size())
