@@ -21,7 +21,7 @@ unpack_fresh_root() {
     if [[ ! -e $base.tar ]]; then
         archive=$(archive_address)
         mkdir -p .cache/fresh-root
-        mmdebstrap --quiet --variant=minbase --architectures="$(dpkg --print-architecture)" --include="$packages" \
+        mmdebstrap --quiet --variant=minbase --architectures="$(dpkg --print-architecture)" ${packages:+"--include=$packages"} \
             "$codename" "$base.new.tar" \
             "deb [signed-by=/usr/share/keyrings/debian-archive-$codename-stable.gpg] $archive $codename main"
         mv "$base.new.tar" "$base.tar"
