@@ -219,6 +219,23 @@ TEST_F(server_mode, writes_no_crash_report_for_a_process_that_does_not_crash)
     EXPECT_TRUE(reports_in(dir).empty());
 }
 
+// Then its number is the lead's.
+TEST_F(server_mode, releases_a_thread_that_replaces_its_program_while_it_is_followed)
+{
+    target program({"execs", "later"});
+    pid_t tid = -1;
+    ASSERT_TRUE(eventually([&] { return (tid = program.other_thread()) != -1; }));
+    const connection link;
+    EXPECT_EQ(link.request(make_request(CMD_CRASH_DUMP, program.pid(), tid, dir)), 0);
+    std::ofstream("/tmp/exec");
+    EXPECT_TRUE(daemon.logs("Waitpid exit: tid " + to_string(tid)));
+    EXPECT_TRUE(program.runs_untraced());
+    kill(program.pid(), SIGKILL);  // what the server now waits for
+    EXPECT_TRUE(program.dies_by(SIGKILL));
+    EXPECT_TRUE(link.finish());
+    unlink("/tmp/exec");
+}
+
 TEST_F(server_mode, resumes_a_stopped_process_that_it_was_asked_about)
 {
     kill(idle.pid(), SIGSTOP);
